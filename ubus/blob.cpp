@@ -129,13 +129,13 @@ void AttrList::iterator::settle() {
 int parse(std::span<const Policy> policy, Bytes members, std::span<Attr> out) {
     for (auto& a : out) a = Attr();
     if (members.empty()) return -22;
-    // The reference walk stops at the first member that is not a valid attribute; an
-    // attribute whose header does not fit ends the walk as well.
+    // The walk stops quietly at a zero length or at a member that runs past the end; a length
+    // of 1 to 3 is a malformed member and fails the parse like any other.
     const std::uint8_t* p = members.data();
     const std::uint8_t* end = p + members.size();
     while (end - p >= 4) {
         const std::size_t len = wire::get32(p) & 0xffffffu;
-        if (len < 4 || pad4(len) > static_cast<std::size_t>(end - p)) break;
+        if (len == 0 || pad4(len) > static_cast<std::size_t>(end - p)) break;
         Attr a = Attr::at(Bytes(p, static_cast<std::size_t>(end - p)));
         if (!a.valid(false)) return -1;
         if (a.extended()) {
@@ -202,7 +202,7 @@ void BlobBuf::finish(std::size_t) {
     // Root length is kept in step lazily: recompute from the buffer size.
     wire::put32(buf_.data() + headroom_,
                 (wire::get32(buf_.data() + headroom_) & 0xff000000u) |
-                    static_cast<std::uint32_t>(buf_.size() - headroom_));
+                    (static_cast<std::uint32_t>(buf_.size() - headroom_) & 0xffffffu));
 }
 
 // The value of the blobmsg attribute at `off` starts after its name header.
@@ -313,7 +313,13 @@ void BlobBuf::close(std::size_t cookie) {
     if (cookie < headroom_ || cookie + 4 > buf_.size()) return;
     std::uint8_t* p = buf_.data() + cookie;
     const std::uint32_t hdr = wire::get32(p);
-    wire::put32(p, (hdr & 0xff000000u) | static_cast<std::uint32_t>(buf_.size() - cookie));
+    wire::put32(p, (hdr & 0xff000000u) | (static_cast<std::uint32_t>(buf_.size() - cookie) & 0xffffffu));
+}
+
+void BlobBuf::truncate(std::size_t size) {
+    if (size < headroom_ + 4 || size >= buf_.size()) return;
+    buf_.resize(size);
+    finish(0);
 }
 
 Bytes BlobBuf::root_bytes() const { return {buf_.data() + headroom_, buf_.size() - headroom_}; }

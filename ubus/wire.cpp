@@ -101,6 +101,7 @@ void FrameReader::compact() {
 }
 
 void FrameReader::feed(Bytes bytes) {
+    if (bytes.empty()) return;  // memcpy from the null data() of an empty span is undefined
     compact();
     if (buf_.size() < end_ + bytes.size()) buf_.resize(end_ + bytes.size());
     std::memcpy(buf_.data() + end_, bytes.data(), bytes.size());
@@ -114,7 +115,10 @@ FrameReader::Result FrameReader::read_from(int fd) {
     std::size_t want = 64 * 1024;
     if (end_ >= kHeaderLen + 4) {
         const std::size_t len = wire::get32(buf_.data() + kHeaderLen) & 0xffffffu;
-        if (len >= 4 && pad4(len) <= kMaxBodyLen) want = std::max(want, kHeaderLen + len - end_);
+        // Only while that frame is still incomplete: with it (and more) already buffered, the
+        // difference would wrap around.
+        if (len >= 4 && pad4(len) <= kMaxBodyLen && kHeaderLen + len > end_)
+            want = std::max(want, kHeaderLen + len - end_);
     }
     if (buf_.size() < end_ + want) buf_.resize(end_ + want);
 

@@ -244,6 +244,10 @@ public:
     std::span<std::uint8_t> all() { return {buf_.data(), buf_.size()}; }
     Bytes all() const { return {buf_.data(), buf_.size()}; }
     std::size_t headroom() const { return headroom_; }
+    // Bytes used so far, headroom included. truncate(n) with an earlier size() drops everything
+    // appended since then; containers opened since then must not be closed afterwards.
+    std::size_t size() const { return buf_.size(); }
+    void truncate(std::size_t size);
 
 private:
     std::uint8_t* grow(std::size_t n);  // appends n zero bytes, returns pointer to them
