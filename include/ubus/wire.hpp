@@ -150,6 +150,8 @@ public:
     // Extracts the next complete frame into `out`. Returns Frame, NeedMore or Error (bad header).
     Result next(Frame& out);
     std::size_t buffered() const { return end_ - begin_; }
+    // Descriptors received but not yet handed out with a frame.
+    std::size_t pending_fds() const { return fds_.size(); }
 
 private:
     void compact();
