@@ -1,0 +1,152 @@
+// A sandbox gateway for tests: a fresh root under the build directory, the launcher running on it,
+// and ways to act inside it. Everything is torn down when the object goes away: the launcher is
+// stopped (every process inside dies with its namespaces) and the root is removed, unless the
+// environment variable PKGD_SANDBOX_KEEP is set (to inspect it after a failure).
+//
+// Roots go to PKGD_SANDBOX_ROOTS when set, else to the build directory's sandbox-roots/; each
+// gateway gets a directory of its own, so tests may run in parallel.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sandbox/control.hpp"
+#include "sandbox/process.hpp"
+#include "sandbox/root_builder.hpp"
+#include "sandbox/status.hpp"
+
+namespace sandbox {
+
+struct GatewayOptions {
+    std::string name = "gateway";  // start of the root directory's name: the test's name, say
+    bool broker = true;
+    std::filesystem::path broker_path;  // empty: the project's ubusd
+    bool simulator = false;
+    std::filesystem::path simulator_path;  // empty: the project's gateway simulator
+    bool simulator_notifies = false;       // wait until it writes to $SANDBOX_NOTIFY_FD
+    bool pkgd = false;
+    std::filesystem::path pkgd_path;    // empty: the project's pkgd
+    bool pkgd_at_start = true;          // otherwise start it with start_pkgd()
+    std::vector<std::string> pkgd_env;  // NAME=VALUE, e.g. "EXECENV_INDEX=2"
+    std::vector<ToolBinding> tools;     // host files visible read-only inside
+    // Called with the freshly built root before anything runs in it (record files, init scripts).
+    std::function<void(const std::filesystem::path& root)> prepare;
+    std::chrono::milliseconds ready_timeout = std::chrono::seconds(30);
+    // Run the launcher and everything started inside as this (unprivileged) user: the launcher
+    // then maps it to root in a user namespace. The root is handed over to the user.
+    std::optional<Credentials> user;
+};
+
+// A program running inside a gateway, started by Gateway::spawn. Stopped when destroyed.
+class InsideProcess {
+public:
+    InsideProcess() = default;
+    InsideProcess(pid_t helper, pid_t pid, std::string error);
+    InsideProcess(InsideProcess&& other) noexcept;
+    InsideProcess& operator=(InsideProcess&& other) noexcept;
+    InsideProcess(const InsideProcess&) = delete;
+    InsideProcess& operator=(const InsideProcess&) = delete;
+    ~InsideProcess();
+
+    bool started() const { return pid_ > 0; }
+    const std::string& error() const { return error_; }
+    pid_t pid() const { return pid_; }  // as seen inside the gateway
+
+    void signal(int sig) const;
+    // The exit code (128 + signal when killed), once the program has ended within `timeout`.
+    std::optional<int> wait(std::chrono::milliseconds timeout);
+    // SIGTERM, then SIGKILL after `grace`; the exit code.
+    std::optional<int> stop(std::chrono::milliseconds grace = std::chrono::seconds(5));
+
+private:
+    pid_t helper_ = 0;  // the host process that started the program and waits for it
+    pid_t pid_ = 0;
+    std::optional<int> exit_code_;
+    std::string error_;
+};
+
+class Gateway {
+public:
+    explicit Gateway(GatewayOptions options = {});
+    ~Gateway();
+    Gateway(const Gateway&) = delete;
+    Gateway& operator=(const Gateway&) = delete;
+
+    bool up() const { return error_.empty(); }
+    const std::string& error() const { return error_; }  // why the gateway is not up
+
+    const std::filesystem::path& root() const { return root_; }
+    std::filesystem::path path(std::string_view inside) const;  // host path of a path inside
+    std::filesystem::path socket_path() const;                  // the bus socket, from the host
+
+    // A program run inside (chrooted, in the gateway's namespaces); waits for it to end.
+    CommandResult run(std::vector<std::string> argv,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+    CommandResult sh(std::string_view script,
+                     std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+    // A program started inside and left running; its output goes to /var/run/sandbox/spawned.log.
+    InsideProcess spawn(std::vector<std::string> argv) const;
+    // Runs `body` in a forked child inside the gateway (its namespaces, chrooted to the root, as the
+    // gateway's user), for code under test that works on the gateway's paths, processes and bus.
+    // The exit code is what `body` returns (128 + signal when the child was killed); `out` is what
+    // it put in its argument. Waits for it to end, killing it when `timeout` passes.
+    CommandResult run_inside(const std::function<int(std::string& out)>& body,
+                             std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
+
+    Status start_pkgd() const;
+    Status stop_pkgd() const;  // SIGTERM, then SIGKILL if it lingers
+    Status restart_pkgd() const;
+    Status signal_pkgd(int sig) const;
+    std::optional<PkgdStatus> pkgd_status() const;
+    // The first status that satisfies `done`, polled until `timeout` passes.
+    std::optional<PkgdStatus> wait_pkgd(const std::function<bool(const PkgdStatus&)>& done,
+                                        std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    std::optional<PkgdStatus> wait_pkgd_exit(
+        std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+    // The lines of /var/log/messages ("<facility>.<severity> <record>").
+    std::vector<std::string> syslog_lines() const;
+    std::optional<std::string> wait_syslog(
+        std::string_view needle, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+    pid_t launcher_pid() const { return launcher_; }
+    pid_t init_pid() const { return init_; }  // the gateway's PID 1, as seen on the host
+    std::string pid_namespace() const { return pid_namespace_; }
+    std::string mount_namespace() const { return mount_namespace_; }
+
+    void signal_launcher(int sig) const;
+    // The launcher's exit code once it has ended within `timeout`.
+    std::optional<int> wait_launcher_exit(std::chrono::milliseconds timeout);
+    // Orderly stop (as the destructor does); the launcher's exit code.
+    std::optional<int> shut_down();
+
+private:
+    Status bring_up(GatewayOptions options);
+    Status control(std::string_view request) const;
+    std::vector<std::string> exec_argv(std::vector<std::string> argv, bool report_pid) const;
+
+    std::filesystem::path root_;
+    std::string error_;
+    pid_t launcher_ = 0;
+    std::optional<int> launcher_exit_;
+    pid_t init_ = 0;
+    std::optional<Credentials> user_;
+    std::string pid_namespace_;
+    std::string mount_namespace_;
+};
+
+// Host processes in the namespace `id` of the given kind ("pid", "mnt"), as returned by
+// Gateway::pid_namespace() and Gateway::mount_namespace().
+std::vector<pid_t> processes_in_namespace(const char* kind, const std::string& id);
+
+// Whether the host's mount table shows anything mounted at or below `dir`.
+bool host_has_mounts_below(const std::filesystem::path& dir);
+
+}  // namespace sandbox

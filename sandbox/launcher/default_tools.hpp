@@ -1,0 +1,12 @@
+// The project's own binaries as built alongside the launcher; empty when not (yet) part of the build.
+#pragma once
+
+#include <filesystem>
+
+namespace sandbox {
+
+std::filesystem::path project_broker();
+std::filesystem::path project_pkgd();
+std::filesystem::path project_simulator();
+
+}  // namespace sandbox
