@@ -1,0 +1,20 @@
+// Replacing and removing files so that the change survives a crash or power cut whole.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace pkgd {
+
+// Replaces the file at `path` with `content`. The content goes to a hidden temporary file in the
+// same directory (".<name>.tmp.<pid>"), is flushed to storage and renamed over `path`; then the
+// directory is flushed so the rename itself is on storage. At any moment the path holds either
+// the old file or the complete new one. False when it could not be replaced; the old file (or
+// none) stays and no temporary file is left behind.
+bool replace_file(const std::string& path, std::string_view content);
+
+// Removes `path` and flushes its directory, so a removed record does not come back after a power
+// cut. False when the file could not be removed (already gone, say).
+bool remove_file(const std::string& path);
+
+}  // namespace pkgd

@@ -1,0 +1,125 @@
+// Record files on disk: where they live, writing them (with the catalog kept in step) and
+// reading them back.
+#include "pkgd/record_files.hpp"
+
+#include <utility>
+
+#include "durable_file.hpp"
+#include "pkgd/catalog.hpp"
+#include "ubus/json.hpp"
+
+namespace pkgd {
+namespace {
+
+bool write_record(const std::string& path, const ubus::BlobBuf& msg) {
+    return !path.empty() && replace_file(path, ubus::json_format(msg));
+}
+
+// The file's members, or nothing when it is missing or not a JSON object.
+bool load_record(ubus::BlobBuf& msg, const std::string& path) {
+    return !path.empty() && ubus::json_load_file(msg, path);
+}
+
+}  // namespace
+
+RecordFiles::RecordFiles(std::string base_dir, std::string ee_name, bool mirror_catalog)
+    : base_(std::move(base_dir)), ee_name_(std::move(ee_name)), mirror_catalog_(mirror_catalog) {}
+
+std::string RecordFiles::pkg_path(std::string_view id) const {
+    if (id.empty() || id.front() == '.' || id.find('/') != std::string_view::npos ||
+        id.find('\0') != std::string_view::npos)
+        return {};
+    std::string path;
+    path.reserve(base_.size() + 5 + id.size());
+    return path.append(base_).append("/pkg/").append(id);
+}
+
+std::string RecordFiles::index_path(std::string_view dir, std::int32_t index) const {
+    std::string path;
+    path.reserve(base_.size() + dir.size() + 11);
+    return path.append(base_).append(dir).append(std::to_string(index));
+}
+
+void RecordFiles::store_unit(const std::string& path, int kind, std::int32_t index,
+                             const ubus::BlobBuf& msg) const {
+    write_record(path, msg);
+    if (mirror_catalog_) __update_lcmd_catalog(kind, index, msg.members());
+}
+
+void RecordFiles::delete_unit(const std::string& path, int kind, std::int32_t index) const {
+    remove_file(path);
+    if (mirror_catalog_) __delete_lcmd_catalog(kind, index);
+}
+
+void RecordFiles::store_pkg(const pkg_info& pkg) const {
+    ubus::BlobBuf msg;
+    pkg_record_message(msg, pkg);
+    write_record(pkg_path(pkg.id), msg);
+}
+
+void RecordFiles::store_du(const pkg_info& pkg) const {
+    ubus::BlobBuf msg;
+    du_record_message(msg, pkg, ee_name_);
+    store_unit(du_path(pkg.du.index), CATALOG_DU, pkg.du.index, msg);
+}
+
+void RecordFiles::store_eu(const pkg_info& pkg) const {
+    ubus::BlobBuf msg;
+    for (const eu_info& eu : pkg.eu) {
+        msg.reset();
+        eu_record_message(msg, pkg, eu, ee_name_);
+        store_unit(eu_path(eu.index), CATALOG_EU, eu.index, msg);
+    }
+}
+
+void RecordFiles::store_ee(const pkg_info& pkg) const {
+    if (!pkg.ee) return;
+    ubus::BlobBuf msg;
+    ee_record_message(msg, pkg, *pkg.ee, ee_name_);
+    store_unit(ee_path(pkg.ee->index), CATALOG_EE, pkg.ee->index, msg);
+}
+
+int RecordFiles::delete_pkg(const pkg_info& pkg) const {
+    const std::string path = pkg_path(pkg.id);
+    return !path.empty() && remove_file(path) ? 0 : -1;
+}
+
+void RecordFiles::delete_du(const pkg_info& pkg) const {
+    delete_unit(du_path(pkg.du.index), CATALOG_DU, pkg.du.index);
+}
+
+void RecordFiles::delete_eu(const pkg_info& pkg) const {
+    for (const eu_info& eu : pkg.eu) delete_unit(eu_path(eu.index), CATALOG_EU, eu.index);
+}
+
+void RecordFiles::delete_ee(const pkg_info& pkg) const {
+    if (pkg.ee) delete_unit(ee_path(pkg.ee->index), CATALOG_EE, pkg.ee->index);
+}
+
+void RecordFiles::load_pkg(pkg_info& pkg) const {
+    ubus::BlobBuf msg;
+    if (!load_record(msg, pkg_path(pkg.id))) return;
+    const pkg_record_links links = apply_pkg_record(pkg, msg.members());
+    if (links.ee) load_ee(pkg, *links.ee);
+    if (links.du) load_du(pkg, *links.du);
+    for (const std::int32_t index : links.eu) load_eu(pkg, index);
+}
+
+int RecordFiles::load_du(pkg_info& pkg, std::int32_t index) const {
+    ubus::BlobBuf msg;
+    if (!load_record(msg, du_path(index))) return -1;
+    apply_du_record(pkg.du, index, msg.members());
+    return 0;
+}
+
+void RecordFiles::load_eu(pkg_info& pkg, std::int32_t index) const {
+    ubus::BlobBuf msg;
+    if (load_record(msg, eu_path(index))) pkg.eu.push_back(eu_record_from(index, msg.members()));
+}
+
+void RecordFiles::load_ee(pkg_info& pkg, std::int32_t index) const {
+    ubus::BlobBuf msg;
+    if (load_record(msg, ee_path(index))) pkg.ee = ee_record_from(index, msg.members());
+}
+
+}  // namespace pkgd
