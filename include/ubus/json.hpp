@@ -60,4 +60,10 @@ void json_format_element(std::string& out, Attr a, const JsonFormat& f = {});
 // A whole buffer (its root table) as a JSON object.
 std::string json_format(const BlobBuf& buf, const JsonFormat& f = {});
 
+// An element hook for method signatures (one TABLE per method, one INT32 type number per
+// argument): prints each argument's type by name, as object listings show it: "Array", "Table",
+// "String", "Integer", "Boolean", and "(unknown)" for every other number. Other elements format
+// normally.
+bool json_type_name_hook(Attr element, std::string& out);
+
 }  // namespace ubus

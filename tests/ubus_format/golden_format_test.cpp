@@ -182,7 +182,7 @@ TEST(GoldenJson, LoadingFiles) {
     }
 }
 
-// `ubus -v list` prints each method of a signature in element form, with a hook that names the
+// `ubus -v list` prints each method of a signature in element form, with the hook that names the
 // argument types; the signature here is the one the broker returned in the captured session.
 TEST(GoldenJson, ElementFormWithHookPrintsListVerboseLines) {
     Bytes signature;
@@ -200,30 +200,7 @@ TEST(GoldenJson, ElementFormWithHookPrintsListVerboseLines) {
     ASSERT_FALSE(signature.empty());
 
     ubus::JsonFormat f;
-    f.element_hook = [](Attr a, std::string& out) {
-        if (a.type() != ubus::Type::Int32) return false;
-        switch (a.as_i32()) {
-            case 1:
-                out += "\"Array\"";
-                break;
-            case 2:
-                out += "\"Table\"";
-                break;
-            case 3:
-                out += "\"String\"";
-                break;
-            case 5:
-                out += "\"Integer\"";
-                break;
-            case 7:
-                out += "\"Boolean\"";
-                break;
-            default:
-                out += "\"(unknown)\"";
-                break;
-        }
-        return true;
-    };
+    f.element_hook = ubus::json_type_name_hook;
     std::string lines;
     for (Attr method : ubus::AttrList(signature)) {
         lines += '\t';

@@ -20,6 +20,9 @@ namespace {
 constexpr std::chrono::milliseconds kAcceptBackoff{100};
 // Descriptors held for a message that has not arrived completely.
 constexpr std::size_t kMaxPendingFds = 8;
+// Connections taken per loop round: a storm of connects must not starve the clients already
+// being served (the listener stays readable and is seen again next round).
+constexpr int kAcceptsPerRound = 32;
 }  // namespace
 
 Broker::Broker(Loop& loop, ubus::UniqueFd listener) : loop_(loop), listener_(std::move(listener)) {
@@ -37,10 +40,11 @@ void Broker::watch_listener() {
 }
 
 void Broker::accept_clients() {
-    for (;;) {
+    for (int taken = 0; taken < kAcceptsPerRound;) {
         const int fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd >= 0) {
             add_client(ubus::UniqueFd(fd));
+            ++taken;
             continue;
         }
         if (errno == EINTR || errno == ECONNABORTED || errno == EPROTO) continue;
