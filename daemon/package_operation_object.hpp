@@ -1,0 +1,19 @@
+// The package-operation object: the management side's entry for installing, updating and
+// uninstalling deployment units, listing them and cancelling operations. It answers with a bus
+// status alone (no reply envelope).
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "ubus/client.hpp"
+
+namespace pkgd {
+
+// "SoftwareModules.Package.<ee_id>", cut to 63 characters.
+std::string package_operation_object_name(std::string_view ee_id);
+
+// Registers the object at `name` with "Install", "Update", "Uninstall", "List" and "Cancel".
+ubus::AddResult add_opkg_object(ubus::Connection& ctx, std::string_view name);
+
+}  // namespace pkgd

@@ -1,0 +1,19 @@
+// The Packages collection object: lists the environment's packages and installs new ones from a
+// structured source. Its name is also the prefix of every per-package object's name.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "ubus/client.hpp"
+
+namespace pkgd {
+
+// "Services.Management.LCM.ExecutionEnvironments.<ee_id>.Packages", cut to 255 characters.
+std::string packages_object_name(std::string_view ee_id);
+
+// Registers the object at `name` with "List"/"get" and "Install"/"add" and their advertised
+// (flat, dotted) argument lists.
+ubus::AddResult add_package_object(ubus::Connection& ctx, std::string_view name);
+
+}  // namespace pkgd

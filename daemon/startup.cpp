@@ -1,0 +1,86 @@
+#include "daemon/startup.hpp"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "daemon/daemon_context.hpp"
+#include "daemon/ee_object.hpp"
+#include "daemon/event_intake.hpp"
+#include "daemon/package_operation_object.hpp"
+#include "daemon/packages_object.hpp"
+#include "daemon/restore.hpp"
+#include "pkgd/identity.hpp"
+#include "ubus/loop.hpp"
+#include "ubus/wire.hpp"
+
+namespace pkgd {
+namespace {
+
+constexpr mode_t kDirMode = 0755;
+
+// An existing directory is fine and a missing parent is not made: whatever happens, start-up
+// goes on, and an operation that needs the directory reports its own failure.
+void make_dir(const char* path) {
+    (void)::mkdir(path, kDirMode);
+}
+
+// Registers the objects in their fixed order, restores the registry and serves. Clients see the
+// execution-environment object last, once every restored package has its object.
+int register_and_serve(daemon_context& d, ubus::Loop& loop) {
+    const std::string& env = package_get_env();
+
+    if (add_package_object(d.ctx, d.object.view()).status != ubus::kOk) return kExitNoBus;
+    if (add_lcm_event_handler(d.ctx).status != ubus::kOk) return kExitNoBus;
+    d.pkg_name = package_operation_object_name(env);
+    if (add_opkg_object(d.ctx, d.pkg_name.view()).status != ubus::kOk) return kExitNoBus;
+
+    restore_registered_packages();
+
+    // Without this object the packages are still served; its absence only hides the figures.
+    d.s_ee_object = ee_object_name(env);
+    add_ee_object(d.ctx, d.s_ee_object.view());
+
+    // A daemon without its bus can serve nobody: end, so that a supervisor starts it again.
+    d.ctx.on_disconnect([&loop] { loop.stop(); });
+    loop.run();
+    return 0;
+}
+
+// Failures here do not stop start-up: a failed detach serves from the foreground, a failed change
+// of root serves the tree as it is. In the foreground the working directory is "/" all the same,
+// as for a detached daemon.
+void detach_and_change_root(const start_options& options) {
+    int ignored = options.foreground ? ::chdir("/") : ::daemon(0, 1);
+    if (!options.root.empty()) ignored = ::chroot(options.root.c_str());
+    (void)ignored;
+}
+
+}  // namespace
+
+int run_daemon(const start_options& options) {
+    detach_and_change_root(options);
+    make_dir("/usr/local/package/pkg");
+    make_dir("/usr/local/package/ee");
+    package_init_env();
+    const std::string& env = package_get_env();
+    make_dir(FixedText<256>(std::string("/tmp/opkg-").append(env)).c_str());
+
+    daemon_context& d = the_daemon();
+    d.object = packages_object_name(env);
+    if (d.ctx.connect() != ubus::kOk) return kExitNoBus;
+
+    int status = 0;
+    {
+        ubus::Loop loop;
+        d.ctx.attach(loop);
+        status = register_and_serve(d, loop);
+        d.ctx.on_disconnect({});
+        d.ctx.detach();
+    }
+    d.ctx.close();
+    return status;
+}
+
+}  // namespace pkgd

@@ -1,0 +1,17 @@
+// Start-up, the main loop and tear-down.
+#pragma once
+
+#include "daemon/start_options.hpp"
+
+namespace pkgd {
+
+// Exit status when the bus cannot be reached or one of the objects pkgd cannot do without is
+// refused.
+inline constexpr int kExitNoBus = 255;
+
+// Detaches (unless in the foreground), changes the root, creates the working directories, fixes
+// the environment's identity, registers the bus objects in their fixed order and serves until
+// SIGINT or SIGTERM. Returns the process's exit status: 0 after serving, kExitNoBus otherwise.
+int run_daemon(const start_options& options);
+
+}  // namespace pkgd
