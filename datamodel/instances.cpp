@@ -2,7 +2,7 @@
 #include <unistd.h>
 
 #include "pkgd/datamodel.hpp"
-#include "ubus/client.hpp"
+#include "pkgd/peer_call.hpp"
 
 namespace pkgd {
 namespace {
@@ -10,25 +10,19 @@ namespace {
 // One short-lived connection to the agent: a worker never uses the daemon's connection.
 class DataModelSession {
 public:
-    // The lookup is bounded like the calls, so a broker that stops answering never holds the
-    // worker longer than the agent could.
-    bool open() {
-        bus_.set_request_timeout(kDataModelTimeoutMs);
-        return bus_.connect() == ubus::kOk && bus_.lookup_id(kDataModelObject, id_) == ubus::kOk;
-    }
+    bool open() { return peer_.open(kDataModelObject) == ubus::kOk; }
 
     // The outcome is not looked at: a refused or unanswered request leaves the caller's result
     // as it was.
     void request(std::string_view method, const ubus::BlobBuf& msg, ubus::DataCallback on_data = nullptr) {
-        bus_.invoke(id_, method, msg.members(), on_data, kDataModelTimeoutMs);
+        peer_.call(method, msg.members(), on_data);
     }
 
     // Every change is followed by a commit so the agent makes it visible.
     void commit() { request("commit", ubus::BlobBuf{}); }
 
 private:
-    ubus::Connection bus_;
-    std::uint32_t id_ = 0;
+    PeerSession peer_{kDataModelTimeoutMs};
 };
 
 std::int32_t __package_xml_create_instance(std::string_view object_path) {

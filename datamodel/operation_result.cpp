@@ -2,15 +2,11 @@
 #include <string>
 
 #include "pkgd/datamodel.hpp"
+#include "pkgd/peer_call.hpp"
 #include "pkgd/time_stamp.hpp"
-#include "ubus/client.hpp"
 
 namespace pkgd {
 namespace {
-
-// Sending the event is a request to the broker; a broker that stops answering must not hold the
-// worker for long.
-constexpr int kEventTimeoutMs = 5000;
 
 struct OperationWords {
     std::string_view performed;
@@ -84,10 +80,7 @@ void package_response2lcm(const operation_info& op, std::int32_t fault_code,
                           std::optional<std::string_view> fault_text) {
     ubus::BlobBuf msg;
     if (!operation_result_message(msg, op, fault_code, fault_text, package_format_time())) return;
-    ubus::Connection bus;
-    bus.set_request_timeout(kEventTimeoutMs);
-    if (bus.connect() != ubus::kOk) return;
-    bus.send_event(kOperationResultEvent, msg.members());
+    broadcast_event(kOperationResultEvent, msg.members());
 }
 
 }  // namespace pkgd

@@ -1,6 +1,6 @@
 #include "pkgd/catalog.hpp"
 
-#include "peer_call.hpp"
+#include "pkgd/peer_call.hpp"
 
 namespace pkgd {
 namespace {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "pkgd/catalog.hpp"
+#include "pkgd/peer_call.hpp"
 #include "ubus/blob.hpp"
 #include "ubus/wire.hpp"
 
@@ -50,20 +51,12 @@ ee_identity resolve_ee_identity(const char* execenv_index, CatalogQuery ask_cata
 }
 
 int ask_catalog_over_bus(std::string_view name, ubus::DataCallback on_reply) {
-    ubus::Connection bus;
-    // The lookup is bounded like the request, so a broker that stops answering cannot hold
-    // start-up longer than the catalog's own time-out.
-    bus.set_request_timeout(kCatalogTimeoutMs);
-    if (const int status = bus.connect(); status != ubus::kOk) return status;
-    std::uint32_t catalog = 0;
-    if (const int status = bus.lookup_id(kLcmCatalogObject, catalog); status != ubus::kOk) return status;
-
     ubus::BlobBuf msg;
     msg.add_string("Type", catalog_type_name(CATALOG_EE));
     const auto filters = msg.open_table("Filters");
     msg.add_string("Name", name);
     msg.close(filters);
-    return bus.invoke(catalog, "catalog.get", msg.members(), on_reply, kCatalogTimeoutMs);
+    return call_peer(kLcmCatalogObject, "catalog.get", msg.members(), kCatalogTimeoutMs, on_reply);
 }
 
 void package_init_env() {

@@ -1,4 +1,4 @@
-#include "peer_call.hpp"
+#include "pkgd/peer_call.hpp"
 #include "pkgd/lcm_events.hpp"
 
 namespace pkgd {

@@ -1,7 +1,7 @@
 // Starting and stopping a package through the environment's service manager.
 #include <string>
 
-#include "peer_call.hpp"
+#include "pkgd/peer_call.hpp"
 #include "pkgd/identity.hpp"
 #include "pkgd/lcm_events.hpp"
 #include "pkgd/run_state.hpp"

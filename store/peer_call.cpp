@@ -1,25 +1,29 @@
-#include "peer_call.hpp"
-
-#include <cstdint>
-
-#include "ubus/client.hpp"
+#include "pkgd/peer_call.hpp"
 
 namespace pkgd {
 namespace {
 
-// Lookups and event sends are the library's own requests: bound them like the call itself, so a
-// broker that stops answering never holds a worker longer than the peer's time-out.
+// Event sends are the library's own requests: bound them, so a broker that stops answering
+// never holds a worker for long.
 constexpr int kEventTimeoutMs = 5000;
 
 }  // namespace
 
-int call_peer(std::string_view object, std::string_view method, ubus::Bytes args, int timeout_ms) {
-    ubus::Connection bus;
-    bus.set_request_timeout(timeout_ms);
-    if (const int status = bus.connect(); status != ubus::kOk) return status;
-    std::uint32_t id = 0;
-    if (const int status = bus.lookup_id(object, id); status != ubus::kOk) return status;
-    return bus.invoke(id, method, args, nullptr, timeout_ms);
+int PeerSession::open(std::string_view object) {
+    bus_.set_request_timeout(timeout_ms_);
+    if (const int status = bus_.connect(); status != ubus::kOk) return status;
+    return bus_.lookup_id(object, id_);
+}
+
+int PeerSession::call(std::string_view method, ubus::Bytes args, ubus::DataCallback on_reply) {
+    return bus_.invoke(id_, method, args, on_reply, timeout_ms_);
+}
+
+int call_peer(std::string_view object, std::string_view method, ubus::Bytes args, int timeout_ms,
+              ubus::DataCallback on_reply) {
+    PeerSession peer(timeout_ms);
+    if (const int status = peer.open(object); status != ubus::kOk) return status;
+    return peer.call(method, args, on_reply);
 }
 
 int broadcast_event(std::string_view type, ubus::Bytes data) {
