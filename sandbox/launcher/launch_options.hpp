@@ -13,12 +13,13 @@ namespace sandbox {
 struct LaunchOptions {
     std::filesystem::path root;
     std::filesystem::path busybox = "/bin/busybox";
-    std::filesystem::path broker;       // host path of the broker binary; empty: no broker
-    std::filesystem::path simulator;    // host path of the gateway simulator; empty: none
-    bool simulator_notifies = false;    // wait until it writes to $SANDBOX_NOTIFY_FD
-    std::filesystem::path pkgd;         // host path of pkgd; empty: none
-    bool pkgd_at_start = true;          // otherwise pkgd waits for a "start" request
-    std::vector<std::string> pkgd_env;  // NAME=VALUE, for pkgd only
+    std::filesystem::path broker;             // host path of the broker binary; empty: no broker
+    std::filesystem::path simulator;          // host path of the gateway simulator; empty: none
+    bool simulator_notifies = false;          // wait until it writes to $SANDBOX_NOTIFY_FD
+    std::vector<std::string> simulator_args;  // after "-s SOCKET"
+    std::filesystem::path pkgd;               // host path of pkgd; empty: none
+    bool pkgd_at_start = true;                // otherwise pkgd waits for a "start" request
+    std::vector<std::string> pkgd_env;        // NAME=VALUE, for pkgd only
     std::vector<ToolBinding> tools;
     bool user_namespace = false;  // needed when not run as root
     std::chrono::milliseconds ready_timeout{20000};

@@ -26,6 +26,7 @@ constexpr const char* kUsageText = R"(usage:
       --no-broker          run without a broker
       --sim PATH           run this gateway simulator;  --with-sim: the project's
       --sim-notify         wait until the simulator writes to the descriptor $SANDBOX_NOTIFY_FD
+      --sim-arg ARG        one more argument for the simulator (repeatable)
       --pkgd PATH          run this pkgd as "PATH -r ROOT -f";  --with-pkgd: the project's
       --pkgd-later         start pkgd only when asked ("ctl ROOT start")
       --env NAME=VALUE     an environment variable for pkgd (repeatable)
@@ -95,6 +96,8 @@ int run_command_line(const fs::path& root, Args& args) {
             if (options.simulator.empty()) return usage("the project's gateway simulator is not built");
         } else if (option == "--sim-notify") {
             options.simulator_notifies = true;
+        } else if (option == "--sim-arg" && args.value(value)) {
+            options.simulator_args.push_back(value);
         } else if (option == "--pkgd" && args.value(value)) {
             options.pkgd = value;
         } else if (option == "--with-pkgd") {

@@ -159,6 +159,7 @@ private:
     Status start_simulator() {
         SpawnSpec spec;
         spec.argv = {std::string(kSimulatorInside), "-s", std::string(kBusSocket)};
+        spec.argv.insert(spec.argv.end(), options_.simulator_args.begin(), options_.simulator_args.end());
         spec.chroot_dir = options_.root;
         if (!options_.simulator_notifies) {
             spec.env = gateway_environment();

@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -30,7 +31,15 @@ struct GatewayOptions {
     std::filesystem::path broker_path;  // empty: the project's ubusd
     bool simulator = false;
     std::filesystem::path simulator_path;  // empty: the project's gateway simulator
-    bool simulator_notifies = false;       // wait until it writes to $SANDBOX_NOTIFY_FD
+    // Wait until it writes to $SANDBOX_NOTIFY_FD, as the project's simulator does once its objects
+    // are on the bus: up() then means the peers answer.
+    bool simulator_notifies = true;
+    // The simulator's execution environments as JSON, {"environments": [{"id", "name", "enabled",
+    // "version", "vendor", "type"}, ...]}; empty: its default, the native environment "System".
+    std::string simulator_config;
+    // Peers that misbehave from the start, "PEER=MODE[:N]": "catalog=absent", "catalog=slow:6000",
+    // "services=refuse:4" (see set_fault).
+    std::vector<std::string> simulator_faults;
     bool pkgd = false;
     std::filesystem::path pkgd_path;    // empty: the project's pkgd
     bool pkgd_at_start = true;          // otherwise start it with start_pkgd()
@@ -42,6 +51,14 @@ struct GatewayOptions {
     // Run the launcher and everything started inside as this (unprivileged) user: the launcher
     // then maps it to root in a user namespace. The root is handed over to the user.
     std::optional<Credentials> user;
+};
+
+// The answer to a call on the gateway simulator's control object.
+struct SimReply {
+    int status = -1;                 // the bus status; -1 when the bus could not be reached
+    std::vector<std::uint8_t> data;  // the members of its reply (ubus::Bytes for ubus::parse)
+    std::string json;                // the same as compact JSON ("" without a reply)
+    bool ok() const { return status == 0; }
 };
 
 // A program running inside a gateway, started by Gateway::spawn. Stopped when destroyed.
@@ -115,6 +132,20 @@ public:
     std::vector<std::string> syslog_lines() const;
     std::optional<std::string> wait_syslog(
         std::string_view needle, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+    // ----- the gateway simulator (options.simulator) -----
+    // A call on its control object "Sandbox.GatewaySim" with JSON arguments.
+    SimReply sim_call(std::string_view method, std::string_view json_args = "{}") const;
+    // What the peers hold and were asked: {"catalog": ..., "datamodel": ..., "requests": [...]}.
+    SimReply sim_state() const;
+    // Makes a peer ("catalog", "datamodel", "services") misbehave ("absent", "slow", "refuse") or
+    // behave again ("normal"). `value`: the delay in milliseconds of "slow" (default 6000, longer
+    // than any time-out of pkgd's), or the status "refuse" answers with (default 6).
+    Status set_fault(std::string_view peer, std::string_view mode, std::optional<int> value = {}) const;
+    // Forgets the requests; `all`: the catalog entries and the data model too.
+    Status sim_reset(bool all = false) const;
+    // Replaces the environments (JSON as GatewayOptions::simulator_config) and their service managers.
+    Status sim_configure(std::string_view json) const;
 
     pid_t launcher_pid() const { return launcher_; }
     pid_t init_pid() const { return init_; }  // the gateway's PID 1, as seen on the host

@@ -1,0 +1,165 @@
+// gateway-demo (`./dev run`): brings a sandbox gateway up with the broker, the gateway simulator and
+// pkgd, shows pkgd's execution environment through the bus CLI, prints how to reach pkgd from
+// another terminal, and stays up until Ctrl-C; then everything is stopped and the root removed
+// (kept when PKGD_SANDBOX_KEEP is set).
+#include <signal.h>
+
+#include <chrono>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "default_tools.hpp"
+#include "sandbox/gateway.hpp"
+#include "sandbox/root_paths.hpp"
+#include "ubus/client.hpp"
+#include "ubus/json.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::string_view kEnvironments = "Services.Management.LCM.ExecutionEnvironments.";
+// pkgd asks the catalog for this environment; the simulator's default configuration knows it.
+constexpr std::string_view kEnvironmentName = "System";
+constexpr auto kStartUp = 30s;       // pkgd may wait out a catalog time-out at start-up
+constexpr auto kLauncherStop = 15s;  // pkgd, simulator and broker, 3 s grace each
+
+#ifdef PKGD_DEMO_CLI
+constexpr const char* kCli = PKGD_DEMO_CLI;
+#else
+// A build without the CLI: the reply is printed with the client library, and the instructions name
+// "ubus" without a path.
+constexpr const char* kCli = nullptr;
+#endif
+
+// The object of the environment pkgd serves: the one whose ".Packages" object exists too.
+std::optional<std::string> environment_object(ubus::Connection& bus) {
+    std::vector<std::string> candidates;
+    bus.lookup(std::string(kEnvironments) + "*", [&](const ubus::ObjectInfo& object) {
+        if (!object.path.starts_with(kEnvironments)) return;
+        const std::string_view rest = object.path.substr(kEnvironments.size());
+        if (rest.find('.') == std::string_view::npos) candidates.emplace_back(object.path);
+    });
+    for (const std::string& path : candidates) {
+        std::uint32_t id = 0;
+        if (bus.lookup_id(path + ".Packages", id) == ubus::kOk) return path;
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> wait_for_environment(ubus::Connection& bus) {
+    const auto deadline = std::chrono::steady_clock::now() + kStartUp;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (auto path = environment_object(bus)) return path;
+        std::this_thread::sleep_for(200ms);
+    }
+    return std::nullopt;
+}
+
+void show_get(ubus::Connection& bus, const sandbox::Gateway& gw, const std::string& object) {
+    std::printf("\n$ ubus -s %s call %s Get\n", gw.socket_path().c_str(), object.c_str());
+    std::fflush(stdout);
+    if (kCli != nullptr) {
+        sandbox::SpawnSpec spec;
+        spec.argv = {kCli, "-s", gw.socket_path().string(), "call", object, "Get"};
+        spec.env = sandbox::environment_with({});
+        const sandbox::CommandResult r = sandbox::run_command(spec, 10s);
+        std::printf("%s%s", r.out.c_str(), r.err.c_str());
+        if (!r.ok()) std::printf("(exit status %d)\n", r.exit_code);
+        return;
+    }
+    std::uint32_t id = 0;
+    std::string json;
+    int status = bus.lookup_id(object, id);
+    if (status == ubus::kOk) {
+        status = bus.invoke(
+            id, "Get", {},
+            [&json](ubus::Bytes members) {
+                ubus::json_format_list(json, members, false, ubus::JsonFormat::indented());
+            },
+            5000);
+    }
+    std::printf("%s\n", status == ubus::kOk ? json.c_str() : ("status " + std::to_string(status)).c_str());
+}
+
+void print_instructions(const sandbox::Gateway& gw, const std::optional<std::string>& environment) {
+    const std::string ubus =
+        std::string(kCli != nullptr ? kCli : "ubus") + " -s " + gw.socket_path().string();
+    const std::string ee = environment.value_or(std::string(kEnvironments) + "<id>");
+    const std::string id = ee.substr(kEnvironments.size());
+    std::printf(
+        "\nThe sandbox gateway is up in %s\n"
+        "  (process output in var/run/sandbox/, pkgd's log records in var/log/messages)\n"
+        "\nCall pkgd from another terminal:\n"
+        "  %s list\n"
+        "  %s call %s Get\n"
+        "  %s call %s.Packages List\n"
+        "  %s call SoftwareModules.Package.%s Install '{\"RequestID\":1,\"OperateID\":1,\"OperateMID\":1,"
+        "\"URL\":\"http://<feed>/<package>.ipk\"}'\n"
+        "  %s listen Services.Management.LCM\n"
+        "What the simulated peers were asked:\n"
+        "  %s call Sandbox.GatewaySim state\n"
+        "A shell inside the gateway:\n"
+        "  %s exec %s -- /bin/sh\n"
+        "\nCtrl-C stops the gateway.\n",
+        gw.root().c_str(), ubus.c_str(), ubus.c_str(), ee.c_str(), ubus.c_str(), ee.c_str(), ubus.c_str(),
+        id.c_str(), ubus.c_str(), ubus.c_str(), PKGD_SANDBOX_LAUNCHER, gw.root().c_str());
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+int main() {
+    // Blocked before anything is started, so that Ctrl-C during start-up still tears down in order;
+    // the programs started inside get their own signal mask.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stop_signals, sig);
+    sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
+
+    sandbox::GatewayOptions options;
+    options.name = "demo";
+    options.simulator = true;
+    options.pkgd = !sandbox::project_pkgd().empty();
+    options.pkgd_env = {"EXECENV_INDEX=" + std::string(kEnvironmentName)};
+    std::printf("Bringing the sandbox gateway up (broker, gateway simulator%s) ...\n",
+                options.pkgd ? ", pkgd" : "; pkgd is not built");
+    std::fflush(stdout);
+    sandbox::Gateway gw(options);
+    if (!gw.up()) {
+        std::fprintf(stderr, "gateway-demo: %s\n", gw.error().c_str());
+        return 1;
+    }
+
+    ubus::Connection bus;
+    if (bus.connect(gw.socket_path().string()) != ubus::kOk) {
+        std::fprintf(stderr, "gateway-demo: cannot connect to %s\n", gw.socket_path().c_str());
+        return 1;
+    }
+    std::optional<std::string> environment;
+    if (options.pkgd) {
+        environment = wait_for_environment(bus);
+        if (environment) {
+            show_get(bus, gw, *environment);
+        } else {
+            std::printf("\npkgd has not offered its objects within %lld s; see %s\n",
+                        static_cast<long long>(kStartUp.count()),
+                        sandbox::output_log(gw.root(), "pkgd").c_str());
+        }
+    }
+    bus.close();
+    print_instructions(gw, environment);
+
+    siginfo_t info{};
+    while (sigwaitinfo(&stop_signals, &info) < 0) {
+    }
+    std::printf("\nStopping the sandbox gateway ...\n");
+    std::fflush(stdout);
+    // Ctrl-C reaches the launcher too, which then stops everything in order; a second signal from us
+    // would make it kill everything at once.
+    const bool from_terminal = info.si_code == SI_KERNEL;
+    if (!from_terminal || !gw.wait_launcher_exit(kLauncherStop)) gw.shut_down();
+    return 0;
+}
