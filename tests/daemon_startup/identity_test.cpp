@@ -173,7 +173,7 @@ TEST(Identity, OverLongTextsAreCutWhereTheyAreKept) {
     EXPECT_TRUE(fs::is_directory(long_id.gw->path("/tmp/opkg-" + id.substr(0, 245))));
     // That cut name is also the environment object's, which is refused: pkgd serves on without it
     // (an answer from its own handler means its loop runs, after the refusal).
-    EXPECT_EQ(long_id.probe->call(packages, "List").status, ubus::kNotSupported);
+    EXPECT_EQ(long_id.probe->call(packages, "Install").status, ubus::kNotSupported);
     const auto status = long_id.gw->pkgd_status();
     ASSERT_TRUE(status);
     EXPECT_EQ(status->state, sandbox::PkgdStatus::State::kRunning);

@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "bus_probe.hpp"
+#include "refusing_broker.hpp"
 
 namespace pkgd::testing {
 namespace {
@@ -79,6 +80,22 @@ TEST(Startup, ARefusedRegistrationOfAnObjectItNeedsEndsItWith255) {
     }
 }
 
+TEST(Startup, ARefusedEventRegistrationEndsItWith255) {
+    auto options = pkgd_gateway();
+    options.broker = false;
+    options.pkgd_at_start = false;
+    sandbox::Gateway gw(options);
+    ASSERT_TRUE(gw.up()) << gw.error();
+    RefusingBroker broker(gw.socket_path());
+    ASSERT_TRUE(broker.listening());
+
+    ASSERT_TRUE(gw.start_pkgd());
+    const auto status = gw.wait_pkgd_exit();
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(broker.refused_a_registration());
+    EXPECT_TRUE(status->exited_with(255)) << sandbox::format_pkgd_status(*status);
+}
+
 TEST(Startup, WithoutItsEnvironmentObjectItServesOnAndEndsCleanly) {
     auto options = pkgd_gateway();
     options.pkgd_at_start = false;
@@ -90,7 +107,7 @@ TEST(Startup, WithoutItsEnvironmentObjectItServesOnAndEndsCleanly) {
     ASSERT_TRUE(gw.start_pkgd());
     ASSERT_TRUE(probe.wait_for_object(kOperations));
     // pkgd's own handler answers, so pkgd is serving.
-    EXPECT_EQ(probe.call(kPackages, "List").status, ubus::kNotSupported);
+    EXPECT_EQ(probe.call(kPackages, "Install").status, ubus::kNotSupported);
     const auto running = gw.pkgd_status();
     ASSERT_TRUE(running);
     EXPECT_EQ(running->state, sandbox::PkgdStatus::State::kRunning);
