@@ -1,6 +1,7 @@
 #include "daemon/packages_object.hpp"
 
 #include "daemon/ee_object.hpp"
+#include "daemon/package_list.hpp"
 #include "pkgd/records.hpp"
 #include "ubus/wire.hpp"
 
@@ -37,11 +38,8 @@ constexpr ubus::Policy package_install_list_policy[] = {
     {"DisableAutoStart", Type::Bool},
 };
 
-// Listing and installing are not built yet: callers are told so plainly rather than being given
-// an empty listing or a package that never arrives.
-int package_list(ubus::Request&) {
-    return ubus::kNotSupported;
-}
+// Installing is not built yet: callers are told so plainly rather than being given a package that
+// never arrives.
 int package_install(ubus::Request&) {
     return ubus::kNotSupported;
 }

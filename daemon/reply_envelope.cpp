@@ -22,8 +22,8 @@ void hlapi_reply(std::int32_t result, ubus::Attr body, ubus::BlobBuf& reply) {
 int hlapi_send(ubus::Request& req, std::int32_t result, ubus::Attr body) {
     ubus::BlobBuf reply;
     hlapi_reply(result, body, reply);
-    req.reply(reply);
-    return ubus::kOk;
+    // A reply the bus cannot carry (beyond its message size) must not pass for an empty success.
+    return req.reply(reply) == ubus::kOk ? ubus::kOk : ubus::kUnknownError;
 }
 
 }  // namespace pkgd

@@ -51,7 +51,8 @@ inline constexpr std::array<std::string_view, 12> hlapi_return_name = {
 void hlapi_reply(std::int32_t result, ubus::Attr body, ubus::BlobBuf& reply);
 
 // What every enveloped method does last: wraps the outcome, sends it as the one reply to `req`,
-// and gives the status the method returns to the bus (always success).
+// and gives the status the method returns to the bus: success, whatever the outcome, unless the
+// reply could not be sent (kUnknownError, for instance for a reply beyond the bus's message size).
 int hlapi_send(ubus::Request& req, std::int32_t result, ubus::Attr body = {});
 
 }  // namespace pkgd

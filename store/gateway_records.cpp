@@ -38,6 +38,9 @@ void package_delete_ee_info(const pkg_info& pkg) {
 void package_get_pkg_info(pkg_info& pkg) {
     RecordFiles::gateway().load_pkg(pkg);
 }
+void package_reload_pkg_info(pkg_info& pkg) {
+    RecordFiles::gateway().reload_pkg(pkg);
+}
 int package_get_du_info(pkg_info& pkg, std::int32_t index) {
     return RecordFiles::gateway().load_du(pkg, index);
 }

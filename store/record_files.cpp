@@ -98,8 +98,20 @@ void RecordFiles::delete_ee(const pkg_info& pkg) const {
 
 void RecordFiles::load_pkg(pkg_info& pkg) const {
     ubus::BlobBuf msg;
+    if (load_record(msg, pkg_path(pkg.id))) load_linked(pkg, msg.members());
+}
+
+void RecordFiles::reload_pkg(pkg_info& pkg) const {
+    ubus::BlobBuf msg;
     if (!load_record(msg, pkg_path(pkg.id))) return;
-    const pkg_record_links links = apply_pkg_record(pkg, msg.members());
+    package_data_free_du_info(pkg.du);
+    package_data_free_eu_info(pkg);
+    package_data_free_ee_info(pkg);
+    load_linked(pkg, msg.members());
+}
+
+void RecordFiles::load_linked(pkg_info& pkg, ubus::Bytes pkg_members) const {
+    const pkg_record_links links = apply_pkg_record(pkg, pkg_members);
     if (links.ee) load_ee(pkg, *links.ee);
     if (links.du) load_du(pkg, *links.du);
     for (const std::int32_t index : links.eu) load_eu(pkg, index);

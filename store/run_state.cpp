@@ -3,17 +3,27 @@
 namespace pkgd {
 
 // The package's files are examined first: a package whose files are all gone needs no look at
-// the processes, and /proc is read once whatever the number of files.
+// the processes, and /proc is read at most once whatever the number of files.
+bool ProcessSnapshot::runs_any(std::string_view files) {
+    std::vector<file_id> ids = file_list_identities(files);
+    if (ids.empty()) return false;
+    if (!executables_) executables_ = running_executables(proc_dir_);
+    return any_file_running(std::move(ids), *executables_);
+}
+
 int package_ispkgactive(const pkg_info& pkg) {
-    if (!pkg.du.files) return -1;
-    std::vector<file_id> files = file_list_identities(*pkg.du.files);
-    if (files.empty()) return -1;
-    return any_file_running(std::move(files), running_executables()) ? 0 : -1;
+    ProcessSnapshot processes;
+    return pkg.du.files && processes.runs_any(*pkg.du.files) ? 0 : -1;
+}
+
+std::string_view package_get_status(const pkg_info& pkg, ProcessSnapshot& processes) {
+    if (pkg.status != PKG_STATUS_INSTALLED) return package_status_text(pkg.status);
+    return pkg.du.files && processes.runs_any(*pkg.du.files) ? "Running" : "Installed";
 }
 
 std::string_view package_get_status(const pkg_info& pkg) {
-    if (pkg.status == PKG_STATUS_INSTALLED) return package_ispkgactive(pkg) == 0 ? "Running" : "Installed";
-    return package_status_text(pkg.status);
+    ProcessSnapshot processes;
+    return package_get_status(pkg, processes);
 }
 
 }  // namespace pkgd

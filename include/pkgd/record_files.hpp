@@ -39,6 +39,10 @@ void package_delete_ee_info(const pkg_info& pkg);
 // Reads the package file of `pkg.id` and, through it, the EE, DU and EU files into `pkg`. Old unit
 // data is not released first: a caller that reloads a package releases it itself.
 void package_get_pkg_info(pkg_info& pkg);
+// The same, replacing the package's unit data (deployment-unit texts, execution units,
+// environment) with what the files now say. Without a readable package file nothing changes: the
+// old unit data goes only once there is something to read in its place.
+void package_reload_pkg_info(pkg_info& pkg);
 // Returns 0 when the DU file was read, -1 (record untouched) otherwise.
 int package_get_du_info(pkg_info& pkg, std::int32_t index);
 void package_get_eu_info(pkg_info& pkg, std::int32_t index);  // appends one unit
@@ -64,6 +68,7 @@ public:
     void delete_eu(const pkg_info& pkg) const;
     void delete_ee(const pkg_info& pkg) const;
     void load_pkg(pkg_info& pkg) const;
+    void reload_pkg(pkg_info& pkg) const;
     int load_du(pkg_info& pkg, std::int32_t index) const;
     void load_eu(pkg_info& pkg, std::int32_t index) const;
     void load_ee(pkg_info& pkg, std::int32_t index) const;
@@ -78,6 +83,8 @@ public:
 
 private:
     std::string index_path(std::string_view dir, std::int32_t index) const;
+    // The package file's members applied to `pkg`, then the unit files they point to.
+    void load_linked(pkg_info& pkg, ubus::Bytes pkg_members) const;
     // Writes the file, then tells the catalog whether or not the file could be written.
     void store_unit(const std::string& path, int kind, std::int32_t index, const ubus::BlobBuf& msg) const;
     void delete_unit(const std::string& path, int kind, std::int32_t index) const;

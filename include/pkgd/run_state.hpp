@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "pkgd/records.hpp"
@@ -22,7 +23,7 @@ namespace pkgd {
 // Run state
 
 // 0 when one of the package's files (du.files) is the executable of a live process, -1
-// otherwise (also without a file list). Reads /proc once per call.
+// otherwise (also without a file list). Reads /proc at most once per call.
 int package_ispkgactive(const pkg_info& pkg);
 
 // The status text; for an installed package "Running" or "Installed" by package_ispkgactive,
@@ -51,6 +52,24 @@ std::vector<file_id> running_executables(const std::string& proc_dir = "/proc");
 
 // Whether any of `files` is one of `executables`.
 bool any_file_running(std::vector<file_id> files, std::span<const file_id> executables);
+
+// One look at the processes shared by many status queries, as a listing of every package needs:
+// the executables are collected when the first package with existing files asks, and every later
+// question is answered from that collection.
+class ProcessSnapshot {
+public:
+    explicit ProcessSnapshot(std::string proc_dir = "/proc") : proc_dir_(std::move(proc_dir)) {}
+
+    // Whether one of the paths of the file list `files` ("path;path;...") is a live executable.
+    bool runs_any(std::string_view files);
+
+private:
+    std::string proc_dir_;
+    std::optional<std::vector<file_id>> executables_;
+};
+
+// package_get_status answered from `processes`.
+std::string_view package_get_status(const pkg_info& pkg, ProcessSnapshot& processes);
 
 // ---------------------------------------------------------------------------------------------
 // Start and stop
