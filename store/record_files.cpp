@@ -102,12 +102,10 @@ void RecordFiles::load_pkg(pkg_info& pkg) const {
 }
 
 void RecordFiles::reload_pkg(pkg_info& pkg) const {
-    ubus::BlobBuf msg;
-    if (!load_record(msg, pkg_path(pkg.id))) return;
     package_data_free_du_info(pkg.du);
     package_data_free_eu_info(pkg);
     package_data_free_ee_info(pkg);
-    load_linked(pkg, msg.members());
+    load_pkg(pkg);
 }
 
 void RecordFiles::load_linked(pkg_info& pkg, ubus::Bytes pkg_members) const {

@@ -1,14 +1,20 @@
 // JSON text -> blobmsg values, parsed with json-c.
 #include <json-c/json.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <climits>
 #include <cstdint>
-#include <fstream>
 #include <limits>
 #include <memory>
-#include <sstream>
+#include <string>
 
+#include "ubus/fd.hpp"
 #include "ubus/json.hpp"
+#include "ubus/wire.hpp"
 
 namespace ubus {
 
@@ -17,6 +23,8 @@ namespace {
 // The length field of a blob header is 24 bits wide; the root holds everything loaded, so once
 // the root fits, every attribute inside it does.
 constexpr std::size_t kMaxAttrLen = 0xffffff;
+// What is loaded is meant for the bus: a file larger than a message could not be sent anyway.
+constexpr std::uint64_t kMaxJsonFileLen = kMaxBodyLen;
 
 struct TokenerFree {
     void operator()(json_tokener* t) const { json_tokener_free(t); }
@@ -101,12 +109,23 @@ bool json_load(BlobBuf& buf, std::string_view text) {
 }
 
 bool json_load_file(BlobBuf& buf, const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) return false;
-    return json_load(buf, std::move(text).str());
+    // Non-blocking open and a regular-file check: a FIFO or a device among the files a daemon
+    // reads must be skipped, not block it forever or feed it without end.
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    if (static_cast<std::uint64_t>(st.st_size) > kMaxJsonFileLen) return false;
+    std::string text(static_cast<std::size_t>(st.st_size), '\0');
+    std::size_t got = 0;
+    while (got < text.size()) {
+        const ssize_t n = ::read(fd.get(), text.data() + got, text.size() - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) break;  // the file shrank while being read
+        got += static_cast<std::size_t>(n);
+    }
+    text.resize(got);
+    return json_load(buf, text);
 }
 
 }  // namespace ubus

@@ -39,9 +39,9 @@ void package_delete_ee_info(const pkg_info& pkg);
 // Reads the package file of `pkg.id` and, through it, the EE, DU and EU files into `pkg`. Old unit
 // data is not released first: a caller that reloads a package releases it itself.
 void package_get_pkg_info(pkg_info& pkg);
-// The same, replacing the package's unit data (deployment-unit texts, execution units,
-// environment) with what the files now say. Without a readable package file nothing changes: the
-// old unit data goes only once there is something to read in its place.
+// Drops the package's unit data (deployment-unit texts, execution units, environment), then reads
+// the files again, so a reload never repeats execution units. Without a readable package file the
+// unit data stays dropped.
 void package_reload_pkg_info(pkg_info& pkg);
 // Returns 0 when the DU file was read, -1 (record untouched) otherwise.
 int package_get_du_info(pkg_info& pkg, std::int32_t index);

@@ -24,7 +24,8 @@ namespace ubus {
 // first NUL byte, if any.
 bool json_load(BlobBuf& buf, std::string_view text);
 
-// The same for the whole content of a file; a missing or unreadable file fails too.
+// The same for the whole content of a file. Only a regular file of at most 1 MiB is read; a
+// missing or unreadable file, a FIFO, a device or a larger file fails (nothing appended).
 bool json_load_file(BlobBuf& buf, const std::string& path);
 
 // Asked about each element before it is formatted. To print something else in place of its value

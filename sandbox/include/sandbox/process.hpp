@@ -41,7 +41,7 @@ struct Spawned {
     explicit operator bool() const { return pid > 0; }
 };
 
-// Every descriptor of the caller other than those in the spec is closed in the child.
+// Every descriptor of the caller other than those the request names is closed in the child.
 Spawned spawn(const SpawnSpec& spec);
 
 struct CommandResult {
