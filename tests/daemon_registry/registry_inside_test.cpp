@@ -99,8 +99,8 @@ TEST(RegistryInside, RecordsHoldWhatTheirFilesNameAndReloadsNeverRepeatUnits) {
               "env status=4 eu= ee=4:lxc http://feed.example/env.ipk : noauto=0\n"
               "7 status=4 eu=5:init-5, ee=- ftp://h/b.ipk : noauto=1\n"
               "7 status=4 eu=5:init-5, ee=- ftp://h/b.ipk : noauto=1\n"
-              // Without its package file a reload keeps what the record held.
-              "7 status=2 eu=5:init-5, ee=- ftp://h/b.ipk : noauto=1\n"
+              // Without its package file a reload still drops the units; the rest stays.
+              "7 status=2 eu= ee=- ftp://h/b.ipk : noauto=1\n"
               R"({"Header":{"Name":"OK"},"Body":{}})");
 }
 
