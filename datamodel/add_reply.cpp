@@ -1,7 +1,6 @@
 // Reading the data-model agent's answer to "add": which instance it created.
-#include <charconv>
-
 #include "pkgd/datamodel.hpp"
+#include "pkgd/text.hpp"
 
 namespace pkgd {
 namespace {
@@ -13,12 +12,11 @@ bool is_instance_table(const ubus::Attr& a) {
     return name == kDeploymentUnitPath || name == kExecutionUnitPath || name == kExecEnvPath;
 }
 
-// Instance numbers are positive; a name that is not a plain decimal number names none.
+// The name is read the way atoi reads it ("12x" is 12). Instance numbers are positive, so a name
+// that reads as zero or less names none: a negative number must never become a record's index.
 std::int32_t instance_number(std::string_view name) {
-    std::int32_t n = 0;
-    const auto [end, ec] = std::from_chars(name.data(), name.data() + name.size(), n);
-    if (ec != std::errc{} || end != name.data() + name.size() || n <= 0) return 0;
-    return n;
+    const std::int32_t n = leading_decimal(name);
+    return n > 0 ? n : 0;
 }
 
 }  // namespace

@@ -18,10 +18,7 @@ struct Listener {
     void listen(const std::string& socket, std::string_view pattern) {
         ASSERT_EQ(bus.connect(socket), ubus::kOk);
         const auto added = bus.listen(pattern, [this](std::string_view type, ubus::Bytes data) {
-            std::string line(type);
-            line += ' ';
-            ubus::json_format_list(line, data, false);
-            got.push_back(line);
+            ubus::json_format_list(got.emplace_back(std::string(type) + " "), data, false);
         });
         ASSERT_EQ(added.status, ubus::kOk) << pattern;
     }
@@ -33,7 +30,7 @@ struct Listener {
 };
 
 TEST(Events, EachListenerGetsWhatItsPatternSelectsWithTheDataAsSent) {
-    ubusd_test::BrokerProcess broker;
+    BrokerProcess broker;
     std::array<Listener, 4> listeners;
     const char* patterns[] = {"demo.*", "de*", "a*b", "*"};
     for (std::size_t i = 0; i < listeners.size(); ++i) listeners[i].listen(broker.socket(), patterns[i]);
@@ -42,22 +39,22 @@ TEST(Events, EachListenerGetsWhatItsPatternSelectsWithTheDataAsSent) {
 
     for (const char* name : {"demo.x", "demo", "dex", "demo.*", "a*b", "axb"}) {
         ubus::BlobBuf data;
-        data.add_string("name", name);
-        const auto nested = data.open_array("list");
-        data.add_bool("", true);
-        data.close(nested);
+        ASSERT_TRUE(ubus::json_load(data, R"({"name":")" + std::string(name) + R"(","list":[true]})"));
         EXPECT_EQ(sender.bus.send_event(name, data.members()), ubus::kOk);
     }
     for (Listener& l : listeners) l.catch_up();
     sender.catch_up();
 
-    auto event = [](std::string name) { return name + R"( {"name":")" + name + R"(","list":[true]})"; };
     using Events = std::vector<std::string>;
-    EXPECT_EQ(listeners[0].got, (Events{event("demo.x"), event("demo.*")}));
-    EXPECT_EQ(listeners[1].got, (Events{event("demo.x"), event("demo"), event("dex"), event("demo.*")}));
-    EXPECT_EQ(listeners[2].got, (Events{event("a*b")}));
-    EXPECT_EQ(listeners[3].got, (Events{event("demo.x"), event("demo"), event("dex"), event("demo.*"),
-                                        event("a*b"), event("axb")}));
+    auto events = [](std::initializer_list<std::string> names) {
+        Events out;
+        for (const auto& n : names) out.push_back(n + R"( {"name":")" + n + R"(","list":[true]})");
+        return out;
+    };
+    EXPECT_EQ(listeners[0].got, events({"demo.x", "demo.*"}));
+    EXPECT_EQ(listeners[1].got, events({"demo.x", "demo", "dex", "demo.*"}));
+    EXPECT_EQ(listeners[2].got, events({"a*b"}));
+    EXPECT_EQ(listeners[3].got, events({"demo.x", "demo", "dex", "demo.*", "a*b", "axb"}));
     EXPECT_TRUE(sender.got.empty());
 }
 

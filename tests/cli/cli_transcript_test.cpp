@@ -6,13 +6,12 @@
 #include <map>
 #include <regex>
 
-#include "bus_fixture.hpp"
+#include "cli_bus.hpp"
 #include "golden_session.hpp"
 #include "ubus/json.hpp"
 
 namespace golden {
-// Failures name the case rather than dumping its bytes.
-void PrintTo(const Case& c, std::ostream* os) {
+void PrintTo(const Case& c, std::ostream* os) {  // failures name the case rather than dump it
     *os << c.name;
 }
 }  // namespace golden
@@ -20,65 +19,51 @@ void PrintTo(const Case& c, std::ostream* os) {
 namespace cli_test {
 namespace {
 
-std::vector<std::string> parse_argv(const std::string& json_array) {
-    ubus::BlobBuf b;
-    std::vector<std::string> argv;
-    if (!ubus::json_load(b, "{\"argv\":" + json_array + "}")) return argv;
-    for (ubus::Attr list : ubus::AttrList(b.members()))
-        for (ubus::Attr arg : list.children()) argv.emplace_back(arg.as_string());
-    return argv;
-}
-
-void send(ubus::Connection& bus, std::string_view name, std::string_view json) {
+void send(std::string_view name, std::string_view json) {
     ubus::BlobBuf data;
     ASSERT_TRUE(ubus::json_load(data, json));
-    EXPECT_EQ(bus.send_event(name, data.members()), ubus::kOk);
+    EXPECT_EQ(demo_bus().client.send_event(name, data.members()), ubus::kOk);
 }
 
 // What another client did while the tool ran, as the cases' notes tell.
-const std::map<std::string, std::function<void(ubus::Connection&)>, std::less<>> kMeanwhile = {
+const std::map<std::string, std::function<void()>, std::less<>> kMeanwhile = {
     {"listen_with_timeout",
-     [](ubus::Connection& bus) {
-         send(bus, "demo.started", R"({"a":[1,2],"b":{"c":true}})");
-         send(bus, "other", "{}");
-         send(bus, "unrelated", R"({"x":1})");
+     [] {
+         send("demo.started", R"({"a":[1,2],"b":{"c":true}})");
+         send("other", "{}");
+         send("unrelated", R"({"x":1})");
      }},
-    {"listen_simple_output", [](ubus::Connection& bus) { send(bus, "ev.\"q", R"({"x":1.5})"); }},
+    {"listen_simple_output", [] { send("ev.\"q", R"({"x":1.5})"); }},
 };
 
-class CliTranscript : public ::testing::TestWithParam<golden::Case> {
-protected:
-    DemoBus& bus = demo_bus();
-};
+class CliTranscript : public ::testing::TestWithParam<golden::Case> {};
 
 TEST_P(CliTranscript, OutputAndExitStatusAreTheReferenceTools) {
     const golden::Case& c = GetParam();
     if (c.has("shell")) {
-        EXPECT_EQ(run_in_terminal(golden::unquote(c.get("shell")), bus.dir, cli_dir()),
-                  golden::unquote(c.get("terminal")));
+        EXPECT_EQ(run_in_terminal(golden::unquote(c.get("shell"))), golden::unquote(c.get("terminal")));
         return;
     }
-    const std::vector<std::string> argv = parse_argv(c.get("argv"));
-    ASSERT_FALSE(argv.empty()) << "case without a command";
+    ubus::BlobBuf argv_json;
+    ASSERT_TRUE(ubus::json_load(argv_json, "{\"argv\":" + c.get("argv") + "}"));
+    std::vector<std::string> argv;
+    for (ubus::Attr arg : (*argv_json.root().children().begin()).children())
+        argv.emplace_back(arg.as_string());
 
-    CliProcess cli(argv, bus.dir);
+    CliProcess cli(argv);
     if (const auto meanwhile = kMeanwhile.find(c.name); meanwhile != kMeanwhile.end()) {
         ASSERT_TRUE(cli.wait_until_serving());
-        meanwhile->second(bus.client);
+        meanwhile->second();
     }
-    const Output got = cli.finish();
-
+    const Output got = finish(cli);
     // Object ids are random: the listing must show the id the demo object really has.
     std::uint32_t demo_id = 0;
-    ASSERT_EQ(bus.client.lookup_id("demo", demo_id), ubus::kOk);
+    ASSERT_EQ(demo_bus().client.lookup_id("demo", demo_id), ubus::kOk);
     char id[16];
     std::snprintf(id, sizeof id, "@%08x", demo_id);
-    const std::string expected_out =
-        std::regex_replace(golden::unquote(c.get("stdout")), std::regex("@[0-9a-f]{8}"), id);
-
-    EXPECT_EQ(got.out, expected_out);
-    EXPECT_EQ(got.err, golden::unquote(c.get("stderr")));
-    EXPECT_EQ(got.exit, std::stoi(c.get("exit")));
+    EXPECT_EQ(got,
+              (Output{std::regex_replace(golden::unquote(c.get("stdout")), std::regex("@[0-9a-f]{8}"), id),
+                      golden::unquote(c.get("stderr")), std::stoi(c.get("exit"))}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Golden, CliTranscript,

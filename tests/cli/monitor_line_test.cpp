@@ -12,15 +12,12 @@
 namespace cli_test {
 namespace {
 
-constexpr std::string_view kPrinted = "# monitor stdout: ";
-
 TEST(MonitorLine, CapturedTrafficPrintsAsTheReferenceToolPrintedIt) {
-    std::vector<std::string> expected;
+    constexpr std::string_view kPrinted = "# monitor stdout: ";
+    std::vector<std::string> expected, printed;
     std::ifstream in(golden::path("session_monitor.txt"));
     for (std::string line; std::getline(in, line);)
         if (line.starts_with(kPrinted)) expected.push_back(line.substr(kPrinted.size()));
-
-    std::vector<std::string> printed;
     ubus::FrameReader reader;
     ubus::Frame frame;
     for (const golden::Step& step : golden::read_session("session_monitor.txt")) {
@@ -36,7 +33,7 @@ TEST(MonitorLine, CapturedTrafficPrintsAsTheReferenceToolPrintedIt) {
     EXPECT_EQ(printed, expected);
 }
 
-TEST(MonitorLine, CopiesWithoutClientOrTypeAreSkippedAndTypesAreNamedByTheirNumber) {
+TEST(MonitorLine, CopiesWithoutClientOrTypeAreSkippedAndUnknownTypesAreShownByNumber) {
     ubus::BlobBuf copy(0);
     copy.put_u32(0, 0x1234);
     copy.put_u32(1, 7);
@@ -47,21 +44,6 @@ TEST(MonitorLine, CopiesWithoutClientOrTypeAreSkippedAndTypesAreNamedByTheirNumb
     ASSERT_TRUE(m);
     EXPECT_EQ(ubus_cli::monitor_line(*m), "-> 00001234 #00000007             42: {}");
 
-    using ubus::MsgType;
-    const std::pair<const char*, MsgType> kNames[] = {{"hello", MsgType::Hello},
-                                                      {"status", MsgType::Status},
-                                                      {"data", MsgType::Data},
-                                                      {"ping", MsgType::Ping},
-                                                      {"lookup", MsgType::Lookup},
-                                                      {"invoke", MsgType::Invoke},
-                                                      {"add_object", MsgType::AddObject},
-                                                      {"remove_object", MsgType::RemoveObject},
-                                                      {"subscribe", MsgType::Subscribe},
-                                                      {"unsubscribe", MsgType::Unsubscribe},
-                                                      {"notify", MsgType::Notify},
-                                                      {"monitor", MsgType::Monitor}};
-    for (const auto& [name, type] : kNames)
-        EXPECT_EQ(ubus_cli::message_type_number(name), static_cast<std::uint32_t>(type)) << name;
     EXPECT_FALSE(ubus_cli::message_type_number("bogus"));
 }
 

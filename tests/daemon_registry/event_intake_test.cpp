@@ -6,17 +6,15 @@
 
 #include "registry_gateway.hpp"
 
-namespace pkgd::testing {
+namespace registry_test {
 namespace {
 
 TEST(EventIntake, EventsMoveAPackageThroughItsStatusesAndMalformedOnesChangeNothing) {
-    auto options = pkgd_gateway();
-    options.prepare = [](const fs::path& root) {
+    sandbox::Gateway gw(pkgd_gateway([](const fs::path& root) {
         for (std::int32_t du = 1; du <= 4; ++du) seed(root, installed_package(std::to_string(du), du));
-    };
-    sandbox::Gateway gw(options);
+    }));
     ASSERT_TRUE(gw.up()) << gw.error();
-    BusProbe probe(gw);
+    gwtest::Client probe(gw);
     ASSERT_TRUE(probe.wait_for_object(kEnvironment));
 
     const std::string one = object_of("1");
@@ -73,4 +71,4 @@ TEST(EventIntake, EventsMoveAPackageThroughItsStatusesAndMalformedOnesChangeNoth
 }
 
 }  // namespace
-}  // namespace pkgd::testing
+}  // namespace registry_test

@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
 
 #include "daemon/daemon_context.hpp"
 #include "daemon/event_intake.hpp"
 #include "daemon/restore.hpp"
 #include "registry_gateway.hpp"
 
-namespace pkgd::testing {
+namespace registry_test {
 namespace {
 
 std::string describe(const registered_pkg* entry) {
@@ -53,13 +54,12 @@ std::string get_while_serving(daemon_context& d, const std::string& object) {
 }
 
 TEST(RegistryInside, RecordsHoldWhatTheirFilesNameAndReloadsNeverRepeatUnits) {
-    auto options = pkgd_gateway();
-    options.pkgd = false;
+    auto options = gwtest::named_gateway();
     options.prepare = [](const fs::path& root) {
         seed(root, seven_with_units({2, 3}));
-        write_text(root / "usr/local/package/pkg/7",
-                   R"({"DU":7,"EU":[2,"x",3],"resource.url":"ftp://h/a.ipk","resource.username":"user",)"
-                   R"("resource.password":"pw","disableautostart":true})");
+        std::ofstream(root / "usr/local/package/pkg/7")
+            << R"({"DU":7,"EU":[2,"x",3],"resource.url":"ftp://h/a.ipk","resource.username":"user",)"
+               R"("resource.password":"pw","disableautostart":true})";
         pkg_info env = installed_package("env", 8);
         env.ee.emplace().index = 4;
         env.ee->name = "lxc";
@@ -69,32 +69,31 @@ TEST(RegistryInside, RecordsHoldWhatTheirFilesNameAndReloadsNeverRepeatUnits) {
     sandbox::Gateway gw(options);
     ASSERT_TRUE(gw.up()) << gw.error();
 
-    const sandbox::CommandResult r = gw.run_inside([](std::string& out) {
+    const std::string out = gwtest::run_inside(gw, [](std::string& text) {
         daemon_context& d = the_daemon();
         d.object = kPackages;
         if (d.ctx.connect() != ubus::kOk) return 1;
         restore_registered_packages();
         const std::string seven = object_of("7");
-        out += describe(d.s_pkgs.find_object(seven)) + describe(d.s_pkgs.find_object(object_of("env")));
+        text += describe(d.s_pkgs.find_object(seven)) + describe(d.s_pkgs.find_object(object_of("env")));
 
         pkg_info updated = seven_with_units({5});
         updated.url = "ftp://h/b.ipk";
         records_in("/").store_pkg(updated);
         deliver(kLcmUpdateComplete, seven);
-        out += describe(d.s_pkgs.find_object(seven));
+        text += describe(d.s_pkgs.find_object(seven));
         deliver(kLcmDeleteFailed, seven);  // the same files again
-        out += describe(d.s_pkgs.find_object(seven));
+        text += describe(d.s_pkgs.find_object(seven));
         records_in("/").delete_pkg(updated);
         deliver(kLcmDownloadComplete, seven);
-        out += describe(d.s_pkgs.find_object(seven));
+        text += describe(d.s_pkgs.find_object(seven));
 
         // An object whose package the registry no longer holds answers an empty table.
         d.s_pkgs.unlink(seven);
-        out += get_while_serving(d, seven);
+        text += get_while_serving(d, seven);
         return 0;
     });
-    ASSERT_TRUE(r.ok()) << r.exit_code << " " << r.err;
-    EXPECT_EQ(r.out,
+    EXPECT_EQ(out,
               "7 status=4 eu=2:init-2,3:init-3, ee=- ftp://h/a.ipk user:pw noauto=1\n"
               "env status=4 eu= ee=4:lxc http://feed.example/env.ipk : noauto=0\n"
               "7 status=4 eu=5:init-5, ee=- ftp://h/b.ipk : noauto=1\n"
@@ -105,4 +104,4 @@ TEST(RegistryInside, RecordsHoldWhatTheirFilesNameAndReloadsNeverRepeatUnits) {
 }
 
 }  // namespace
-}  // namespace pkgd::testing
+}  // namespace registry_test

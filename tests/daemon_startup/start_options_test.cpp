@@ -16,17 +16,15 @@ start_options parse(std::vector<std::string> args) {
     return parse_start_options(static_cast<int>(args.size()), argv.data());
 }
 
-TEST(StartOptions, RootIsTheLastRCutTo127Characters) {
+TEST(StartOptions, RootIsTheLastRCutTo127CharactersAndDashFKeepsTheForeground) {
     EXPECT_TRUE(parse({}).root.empty());
     EXPECT_FALSE(parse({}).foreground);
     EXPECT_EQ(parse({"-r", "/a", "-r", "/b"}).root, "/b");
     EXPECT_EQ(parse({"-r/joined"}).root, "/joined");
-    EXPECT_TRUE(parse({"-r", ""}).root.empty());
+    EXPECT_TRUE(parse({"-r", "/a", "-r", ""}).root.empty());
     const std::string long_root = "/" + std::string(200, 'd');
     EXPECT_EQ(parse({"-r", long_root}).root, long_root.substr(0, 127));
-}
 
-TEST(StartOptions, ForegroundUnknownOptionsAndOperands) {
     testing::internal::CaptureStderr();
     const start_options o = parse({"operand", "-x", "-f", "-r", "/root", "more"});
     const std::string diagnostics = testing::internal::GetCapturedStderr();

@@ -1,162 +1,213 @@
 // pkgd's start-up in a sandbox gateway: what it leaves behind when it cannot serve, the order in
 // which clients see its objects, the root option, and how it ends.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <algorithm>
-#include <filesystem>
+#include <atomic>
 #include <iterator>
+#include <thread>
 
-#include "bus_probe.hpp"
-#include "refusing_broker.hpp"
+#include "gateway_client.hpp"
+#include "ubus/wire.hpp"
+#include "unix_socket.hpp"
 
-namespace pkgd::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
 constexpr std::string_view kPackages = "Services.Management.LCM.ExecutionEnvironments.System.Packages";
 constexpr std::string_view kOperations = "SoftwareModules.Package.System";
 constexpr std::string_view kEnvironment = "Services.Management.LCM.ExecutionEnvironments.System";
 
-std::vector<std::string> added(const std::vector<std::string>& before,
-                               const std::vector<std::string>& after) {
-    std::vector<std::string> diff;
-    std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(diff));
-    return diff;
+sandbox::GatewayOptions pkgd_later() {
+    auto options = gwtest::named_gateway();
+    options.pkgd = true;
+    options.pkgd_at_start = false;
+    return options;
 }
+
+// Starts pkgd and returns how its run ended ("exit:N", "signal:N").
+std::string run_pkgd(const sandbox::Gateway& gw) {
+    if (!gw.start_pkgd()) return "not started";
+    const auto status = gw.wait_pkgd_exit();
+    return status && status->last_wait_status ? sandbox::format_wait_status(*status->last_wait_status)
+                                              : "running";
+}
+
+// Paths below the root of everything but what the sandbox itself keeps (its logs and run files).
+std::vector<std::string> root_tree(const sandbox::Gateway& gw) {
+    std::vector<std::string> paths;
+    for (auto it = fs::recursive_directory_iterator(gw.root()); it != fs::recursive_directory_iterator();
+         ++it) {
+        paths.push_back(it->path().lexically_relative(gw.root()).string());
+        if (paths.back() == "var/run/sandbox" || paths.back() == "var/log" || paths.back() == "var/run/ubus")
+            it.disable_recursion_pending();
+    }
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+// A broker for one client that accepts object registrations and refuses every event
+// registration: our own broker has no reason ever to refuse one.
+class RefusingBroker {
+public:
+    explicit RefusingBroker(const fs::path& socket) {
+        std::string error;
+        listener_ = sandbox::listen_unix(socket, SOCK_STREAM, 0666, error);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~RefusingBroker() {
+        stop_ = true;
+        thread_.join();
+    }
+    std::atomic<bool> refused{false};
+
+private:
+    void send(ubus::MsgType type, const ubus::Frame& f, std::uint32_t attr, std::uint32_t value) {
+        out_.start(type, f.hdr.seq, f.hdr.peer);
+        out_.put_u32(attr, value);
+        ubus::send_frame_blocking(client_.get(), out_.frame());
+    }
+    void serve() {
+        ubus::FrameReader reader;
+        while (!stop_) {
+            pollfd p{client_ ? client_.get() : listener_.get(), POLLIN, 0};
+            if (::poll(&p, 1, 50) <= 0) continue;
+            if (!client_) {
+                client_.reset(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+                out_.start(ubus::MsgType::Hello, 0, 0x1000);
+                ubus::send_frame_blocking(client_.get(), out_.frame());
+            } else if (reader.read_from(client_.get()) != ubus::FrameReader::Result::NeedMore) {
+                return;
+            }
+            for (ubus::Frame f; client_ && reader.next(f) == ubus::FrameReader::Result::Frame;) {
+                const ubus::MsgAttrs attrs = f.attrs();
+                const bool refuse = f.hdr.type == ubus::MsgType::Invoke &&
+                                    attrs.u32(ubus::kAttrObjId) == ubus::kEventObject &&
+                                    attrs.str(ubus::kAttrMethod) == "register";
+                refused = refused || refuse;
+                if (f.hdr.type == ubus::MsgType::AddObject)
+                    send(ubus::MsgType::Data, f, ubus::kAttrObjId, ++next_id_);
+                send(ubus::MsgType::Status, f, ubus::kAttrStatus,
+                     refuse ? ubus::kPermissionDenied : ubus::kOk);
+            }
+        }
+    }
+    ubus::UniqueFd listener_, client_;
+    ubus::MsgBuf out_;
+    std::uint32_t next_id_ = 0x2000;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
 
 TEST(Startup, WithoutABrokerItExits255HavingCreatedOnlyItsThreeDirectories) {
     // The working directories are made whether or not the bus is there; their parents are not.
-    auto options = pkgd_gateway();
+    auto options = pkgd_later();
     options.broker = false;
-    options.pkgd_at_start = false;
-    sandbox::Gateway plain(options);
     // With the variable set the catalog cannot be asked either, so the identifier is "1".
-    options.pkgd_env = {"EXECENV_INDEX=lxc-a"};
-    sandbox::Gateway named(options);
-    ASSERT_TRUE(plain.up()) << plain.error();
-    ASSERT_TRUE(named.up()) << named.error();
-    for (const sandbox::Gateway* gw : {&plain, &named}) {
-        ASSERT_TRUE(fs::remove(gw->path("/usr/local/package/pkg")));
-        ASSERT_TRUE(fs::remove(gw->path("/usr/local/package/ee")));
-    }
-
-    const auto plain_before = root_tree(plain);
-    const auto named_before = root_tree(named);
-    ASSERT_TRUE(plain.start_pkgd());
-    ASSERT_TRUE(named.start_pkgd());
-    const auto plain_status = plain.wait_pkgd_exit();
-    const auto named_status = named.wait_pkgd_exit();
-    ASSERT_TRUE(plain_status && named_status);
-    EXPECT_TRUE(plain_status->exited_with(255)) << sandbox::format_pkgd_status(*plain_status);
-    EXPECT_TRUE(named_status->exited_with(255)) << sandbox::format_pkgd_status(*named_status);
-
-    EXPECT_EQ(added(plain_before, root_tree(plain)),
-              (std::vector<std::string>{"tmp/opkg-System", "usr/local/package/ee", "usr/local/package/pkg"}));
-    EXPECT_EQ(added(named_before, root_tree(named)),
-              (std::vector<std::string>{"tmp/opkg-1", "usr/local/package/ee", "usr/local/package/pkg"}));
-}
-
-TEST(Startup, ARefusedRegistrationOfAnObjectItNeedsEndsItWith255) {
-    for (std::string_view taken : {kPackages, kOperations}) {
-        SCOPED_TRACE(taken);
-        auto options = pkgd_gateway();
-        options.pkgd_at_start = false;
+    for (const char* env : {"", "EXECENV_INDEX=lxc-a"}) {
+        SCOPED_TRACE(env);
+        options.pkgd_env = *env ? std::vector<std::string>{env} : std::vector<std::string>{};
         sandbox::Gateway gw(options);
         ASSERT_TRUE(gw.up()) << gw.error();
-        BusProbe squatter(gw);
-        ASSERT_TRUE(squatter.hold(taken));
-
-        ASSERT_TRUE(gw.start_pkgd());
-        const auto status = gw.wait_pkgd_exit();
-        ASSERT_TRUE(status);
-        EXPECT_TRUE(status->exited_with(255)) << sandbox::format_pkgd_status(*status);
-        // What it had registered went with its connection.
-        EXPECT_FALSE(squatter.has_object(kEnvironment));
-        if (taken == kOperations) {
-            EXPECT_FALSE(squatter.has_object(kPackages));
-        }
+        ASSERT_TRUE(fs::remove(gw.path("/usr/local/package/pkg")) &&
+                    fs::remove(gw.path("/usr/local/package/ee")));
+        const auto before = root_tree(gw);
+        EXPECT_EQ(run_pkgd(gw), "exit:255");
+        const auto after = root_tree(gw);
+        std::vector<std::string> added;
+        std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                            std::back_inserter(added));
+        EXPECT_EQ(added, (std::vector<std::string>{*env ? "tmp/opkg-1" : "tmp/opkg-System",
+                                                   "usr/local/package/ee", "usr/local/package/pkg"}));
     }
 }
 
-TEST(Startup, ARefusedEventRegistrationEndsItWith255) {
-    auto options = pkgd_gateway();
+TEST(Startup, ARefusedRegistrationOfAnObjectOrOfItsEventListenerEndsItWith255) {
+    for (std::string_view taken : {kPackages, kOperations}) {
+        SCOPED_TRACE(taken);
+        sandbox::Gateway gw(pkgd_later());
+        ASSERT_TRUE(gw.up()) << gw.error();
+        gwtest::Client squatter(gw);
+        ASSERT_TRUE(squatter.hold(taken));
+        EXPECT_EQ(run_pkgd(gw), "exit:255");
+        // What it had registered went with its connection.
+        EXPECT_FALSE(squatter.has_object(kEnvironment));
+        EXPECT_FALSE(taken == kOperations && squatter.has_object(kPackages));
+    }
+    auto options = pkgd_later();
     options.broker = false;
-    options.pkgd_at_start = false;
     sandbox::Gateway gw(options);
     ASSERT_TRUE(gw.up()) << gw.error();
     RefusingBroker broker(gw.socket_path());
-    ASSERT_TRUE(broker.listening());
-
-    ASSERT_TRUE(gw.start_pkgd());
-    const auto status = gw.wait_pkgd_exit();
-    ASSERT_TRUE(status);
-    EXPECT_TRUE(broker.refused_a_registration());
-    EXPECT_TRUE(status->exited_with(255)) << sandbox::format_pkgd_status(*status);
+    EXPECT_EQ(run_pkgd(gw), "exit:255");
+    EXPECT_TRUE(broker.refused);
 }
 
-TEST(Startup, WithoutItsEnvironmentObjectItServesOnAndEndsCleanly) {
-    auto options = pkgd_gateway();
-    options.pkgd_at_start = false;
-    sandbox::Gateway gw(options);
+TEST(Startup, WithoutItsEnvironmentObjectItServesOnAndSignalsEndItWith0) {
+    sandbox::Gateway gw(pkgd_later());
     ASSERT_TRUE(gw.up()) << gw.error();
-    BusProbe probe(gw);
+    gwtest::Client probe(gw);
     ASSERT_TRUE(probe.hold(kEnvironment));
-
-    ASSERT_TRUE(gw.start_pkgd());
-    ASSERT_TRUE(probe.wait_for_object(kOperations));
-    // pkgd's own handler answers, so pkgd is serving.
-    EXPECT_EQ(probe.call(kPackages, "Install").status, ubus::kNotSupported);
-    const auto running = gw.pkgd_status();
-    ASSERT_TRUE(running);
-    EXPECT_EQ(running->state, sandbox::PkgdStatus::State::kRunning);
-
-    ASSERT_TRUE(gw.signal_pkgd(SIGTERM));
-    const auto status = gw.wait_pkgd_exit();
-    ASSERT_TRUE(status);
-    EXPECT_TRUE(status->exited_with(0)) << sandbox::format_pkgd_status(*status);
+    for (int sig : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(sig);
+        ASSERT_TRUE(gw.start_pkgd());
+        // Serving: its own handler answers.
+        ASSERT_TRUE(probe.wait_for_object(kOperations));
+        EXPECT_EQ(probe.call(kPackages, "Install").status, ubus::kNotSupported);
+        ASSERT_TRUE(gw.signal_pkgd(sig));
+        const auto status = gw.wait_pkgd_exit();
+        ASSERT_TRUE(status);
+        EXPECT_TRUE(status->exited_with(0)) << sandbox::format_pkgd_status(*status);
+        EXPECT_TRUE(probe.wait_until_gone(kOperations));
+    }
 }
 
 TEST(Startup, ObjectsAppearInTheirFixedOrderWithTheEnvironmentObjectLast) {
-    auto options = pkgd_gateway();
-    options.pkgd_at_start = false;
-    sandbox::Gateway gw(options);
+    sandbox::Gateway gw(pkgd_later());
     ASSERT_TRUE(gw.up()) << gw.error();
-    BusMonitor monitor(gw);
-    ASSERT_TRUE(monitor.active());
-
-    ASSERT_TRUE(gw.start_pkgd());
-    ASSERT_TRUE(monitor.wait([](const std::vector<BrokerRequest>& seen) {
-        return std::any_of(seen.begin(), seen.end(),
-                           [](const BrokerRequest& r) { return r.path == kEnvironment; });
-    }));
-
-    // Registrations only: object additions and the event registration (a call on the broker's
-    // event object naming the pattern).
+    // A monitor's copies of what clients send to the broker: object additions and calls on the
+    // broker's event object, until the environment object is added.
+    ubus::Connection monitor;
+    ASSERT_EQ(monitor.connect(gw.socket_path().string()), ubus::kOk);
     std::vector<std::string> order;
-    for (const BrokerRequest& r : monitor.requests()) {
-        if (r.type == ubus::MsgType::AddObject)
-            order.push_back("add " + (r.path.empty() ? "(listener)" : r.path));
-        if (r.type == ubus::MsgType::Invoke && r.target == ubus::kEventObject) {
-            const bool lcm = r.data.find(R"("pattern":"Services.Management.LCM")") != std::string::npos;
-            order.push_back(r.method + (lcm ? " LCM events" : " " + r.data));
+    monitor.on_monitor([&order, self = monitor.client_id()](ubus::Bytes attributes) {
+        // Monitor bodies number their own attributes: 0 client, 2 sent by the broker, 4 type, 5 body.
+        std::array<ubus::Attr, 6> at{};
+        for (ubus::Attr a : ubus::AttrList(attributes))
+            if (a.id() < at.size()) at[a.id()] = a;
+        if (at[0].u32() == self || at[2].u8() != 0) return;
+        const ubus::MsgAttrs msg(at[5].payload());
+        const auto type = static_cast<ubus::MsgType>(at[4].u32());
+        if (type == ubus::MsgType::AddObject) {
+            const std::string_view path = msg.str(ubus::kAttrObjPath);
+            order.push_back("add " + std::string(path.empty() ? "(listener)" : path));
+        } else if (type == ubus::MsgType::Invoke && msg.u32(ubus::kAttrObjId) == ubus::kEventObject) {
+            static constexpr ubus::Policy kPattern[] = {{"pattern", ubus::Type::String}};
+            order.push_back(std::string(msg.str(ubus::kAttrMethod)) + " " +
+                            std::string(ubus::parse(kPattern, msg.data())[0].as_string()));
         }
-    }
-    EXPECT_EQ(order, (std::vector<std::string>{
-                         "add " + std::string(kPackages),
-                         "add (listener)",
-                         "register LCM events",
-                         "add " + std::string(kOperations),
-                         "add " + std::string(kEnvironment),
-                     }));
+    });
+    ASSERT_EQ(monitor.invoke(ubus::kMonitorObject, "add", {}, nullptr, 10000), ubus::kOk);
+    ASSERT_TRUE(gw.start_pkgd());
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while ((order.empty() || order.back() != "add " + std::string(kEnvironment)) &&
+           std::chrono::steady_clock::now() < deadline)
+        monitor.dispatch(100);
+    EXPECT_EQ(order,
+              (std::vector<std::string>{"add " + std::string(kPackages), "add (listener)",
+                                        "register Services.Management.LCM", "add " + std::string(kOperations),
+                                        "add " + std::string(kEnvironment)}));
 }
 
 TEST(Startup, AnEmptyRootOptionChangesNoRootEvenAfterAnEarlierOne) {
     // pkgd started inside the gateway (already in its root) with "-r /elsewhere -r ''": had the
     // first option counted, it would look for the bus and make its directories in /elsewhere.
-    auto options = pkgd_gateway();
-    options.pkgd = false;
+    auto options = gwtest::named_gateway();
     options.tools = {{PKGD_BINARY, "/opt/pkgd/pkgd"}};
     options.prepare = [](const fs::path& root) {
         for (const char* dir : {"elsewhere/tmp", "elsewhere/usr/local/package", "elsewhere/var/run/ubus"})
@@ -164,8 +215,7 @@ TEST(Startup, AnEmptyRootOptionChangesNoRootEvenAfterAnEarlierOne) {
     };
     sandbox::Gateway gw(options);
     ASSERT_TRUE(gw.up()) << gw.error();
-    BusProbe probe(gw);
-
+    gwtest::Client probe(gw);
     sandbox::InsideProcess pkgd = gw.spawn({"/opt/pkgd/pkgd", "-r", "/elsewhere", "-r", "", "-f"});
     ASSERT_TRUE(pkgd.started()) << pkgd.error();
     EXPECT_TRUE(probe.wait_for_object(kEnvironment));
@@ -174,26 +224,4 @@ TEST(Startup, AnEmptyRootOptionChangesNoRootEvenAfterAnEarlierOne) {
     EXPECT_EQ(pkgd.stop(), 0);
 }
 
-TEST(Startup, SigtermAndSigintEndItWithStatus0) {
-    auto options = pkgd_gateway();
-    sandbox::Gateway gw(options);
-    ASSERT_TRUE(gw.up()) << gw.error();
-    BusProbe probe(gw);
-
-    for (int sig : {SIGTERM, SIGINT}) {
-        SCOPED_TRACE(sig);
-        // Serving: the environment object is the last thing start-up does before the loop runs.
-        ASSERT_TRUE(probe.wait_for_object(kEnvironment));
-        ASSERT_TRUE(gw.signal_pkgd(sig));
-        const auto status = gw.wait_pkgd_exit();
-        ASSERT_TRUE(status);
-        EXPECT_TRUE(status->exited_with(0)) << sandbox::format_pkgd_status(*status);
-        EXPECT_TRUE(probe.wait_until_gone(kEnvironment));
-        if (sig == SIGTERM) {
-            ASSERT_TRUE(gw.start_pkgd());
-        }
-    }
-}
-
 }  // namespace
-}  // namespace pkgd::testing

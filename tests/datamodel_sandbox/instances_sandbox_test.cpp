@@ -1,131 +1,145 @@
-// Creating, deleting and configuring data-model instances against the simulator's agent: the exact
-// requests it receives, the numbers it hands out, and an agent that is missing, slow or refusing.
+// The data-model bridge against the simulator's agent: the exact requests it receives for
+// instances and parameters, the numbers it hands out, an agent that is missing, slow or refusing,
+// and the operation-result event as a listener on the bus receives it.
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <memory>
-#include <string>
+#include <optional>
+#include <regex>
 
-#include "gateway_fixture.hpp"
+#include "gateway_client.hpp"
 #include "pkgd/datamodel.hpp"
 
-namespace datamodel_sandbox {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using namespace pkgd;
 
-constexpr std::string_view kDu = "InternetGatewayDevice.SoftwareModules.DeploymentUnit.";
-constexpr std::string_view kEu = "InternetGatewayDevice.SoftwareModules.ExecutionUnit.";
-constexpr std::string_view kEe = "InternetGatewayDevice.SoftwareModules.ExecEnv.";
+const std::string kDu(kDeploymentUnitPath), kEu(kExecutionUnitPath), kEe(kExecEnvPath);
 
-std::string add(std::string_view pid, std::string_view path) {
-    return "add {\"pid\":" + std::string(pid) + ",\"" + std::string(path) + "\":{}}";
+std::string add(const std::string& pid, const std::string& path) {
+    return "add {\"pid\":" + pid + ",\"" + path + "\":{}}";
 }
 
-// An uninstall operation on a package whose units carry these instance numbers.
-pkgd::operation_info removal(std::int32_t du, std::initializer_list<std::int32_t> units, std::int32_t ee) {
-    auto pkg = std::make_shared<pkgd::pkg_info>();
-    pkg->du.index = du;
-    for (const auto index : units) pkg->eu.push_back(pkgd::eu_info{.index = index, .euid = {}, .name = {}});
-    if (ee != 0) {
-        pkg->ee = pkgd::ee_info{};
-        pkg->ee->index = ee;
-    }
-    pkgd::operation_info op;
-    op.type = pkgd::OPERATION_REMOVE;
-    op.pkg = std::move(pkg);
+// An operation on a package whose units carry these instance numbers.
+operation_info operation(std::int32_t du, std::initializer_list<std::int32_t> units, std::int32_t ee) {
+    operation_info op;
+    op.pkg = std::make_shared<pkg_info>();
+    op.pkg->du.index = du;
+    for (const auto index : units) op.pkg->eu.push_back(eu_info{.index = index, .euid = {}, .name = {}});
+    if (ee != 0) op.pkg->ee.emplace().index = ee;
     return op;
 }
 
-using Instances = GatewayTest;
+// A fresh gateway for each test, so that answers the simulator still owes one test (a slow agent)
+// never reach the next.
+class DataModelInGateway : public ::testing::Test {
+protected:
+    void SetUp() override {
+        auto options = gwtest::named_gateway();
+        options.simulator = true;
+        gw_.emplace(options);
+        ASSERT_TRUE(gw_->up()) << gw_->error();
+    }
+    // Runs `body` inside and returns its pid followed by what it wrote.
+    std::string inside(const std::function<void(std::string& out)>& body) {
+        return gwtest::run_inside(*gw_, [&body](std::string& out) {
+            out = std::to_string(::getpid());
+            body(out);
+            return 0;
+        });
+    }
+    std::vector<std::string> requests() { return gwtest::sim_requests(*gw_, "datamodel"); }
+    std::string held() { return gwtest::sim_state(*gw_, "datamodel"); }
 
-TEST_F(Instances, EachCreateAddsOneInstanceOfItsObjectAndCommits) {
+    std::optional<sandbox::Gateway> gw_;
+};
+
+TEST_F(DataModelInGateway, EachCreateAddsOneInstanceOfItsObjectAndCommits) {
     const std::string out = inside([](std::string& text) {
-        text = std::to_string(::getpid());
-        for (auto create : {pkgd::package_xml_create_du_instance, pkgd::package_xml_create_du_instance,
-                            pkgd::package_xml_create_eu_instance, pkgd::package_xml_create_ee_instance}) {
+        for (auto create : {package_xml_create_du_instance, package_xml_create_du_instance,
+                            package_xml_create_eu_instance, package_xml_create_ee_instance})
             text += ' ' + std::to_string(create());
-        }
-        return 0;
     });
     const std::string pid = out.substr(0, out.find(' '));
     EXPECT_EQ(out, pid + " 1 2 1 1");
-    EXPECT_THAT(datamodel_requests(), ElementsAre(add(pid, kDu), "commit {}", add(pid, kDu), "commit {}",
-                                                  add(pid, kEu), "commit {}", add(pid, kEe), "commit {}"));
-    EXPECT_THAT(instances(kDu), ElementsAre(1, 2));
-    EXPECT_THAT(instances(kEe), ElementsAre(1));
+    EXPECT_EQ(requests(), (std::vector<std::string>{add(pid, kDu), "commit {}", add(pid, kDu), "commit {}",
+                                                    add(pid, kEu), "commit {}", add(pid, kEe), "commit {}"}));
+    EXPECT_EQ(held(), R"({"instances":{")" + kDu + R"(":[1,2],")" + kEe + R"(":[1],")" + kEu +
+                          R"(":[1]},"params":{},"commits":4})");
 }
 
-TEST_F(Instances, DeleteSendsTheNumbersOfOneKindThenCommits) {
+TEST_F(DataModelInGateway, DeleteAndSetSendTheirRequestThenCommitAndNothingWithoutAnInstance) {
     inside([](std::string&) {
-        for (int i = 0; i < 3; ++i) pkgd::package_xml_create_eu_instance();
-        pkgd::package_xml_create_du_instance();
-        pkgd::package_xml_create_ee_instance();
-        return 0;
+        for (int i = 0; i < 3; ++i) package_xml_create_eu_instance();
+        package_xml_create_du_instance();
+        package_xml_create_ee_instance();
     });
-    clear_request_log();
-
-    const std::string pid = inside([](std::string& text) {
-        const pkgd::operation_info op = removal(1, {1, 0, 3}, 1);
-        pkgd::package_xml_del_instance(pkgd::DM_INSTANCE_EU, op);
-        pkgd::package_xml_del_instance(pkgd::DM_INSTANCE_DU, op);
+    ASSERT_TRUE(gw_->sim_reset());
+    const std::string pid = inside([](std::string&) {
+        const operation_info op = operation(1, {1, 0, 3}, 1);
+        package_xml_del_instance(DM_INSTANCE_EU, op);
+        package_xml_del_instance(DM_INSTANCE_DU, op);
         // Nothing to delete: no request at all, not even a commit.
-        pkgd::package_xml_del_instance(pkgd::DM_INSTANCE_EE, removal(1, {}, 0));
-        pkgd::package_xml_del_instance(pkgd::DM_INSTANCE_EU, removal(0, {0, 2}, 0));
-        pkgd::package_xml_del_instance(pkgd::DM_INSTANCE_DU, removal(0, {}, 0));
-        pkgd::package_xml_del_instance(7, op);
-        text = std::to_string(::getpid());
-        return 0;
+        package_xml_del_instance(DM_INSTANCE_EE, operation(1, {}, 0));
+        package_xml_del_instance(DM_INSTANCE_EU, operation(0, {0, 2}, 0));  // the first unit decides
+        package_xml_del_instance(DM_INSTANCE_DU, operation(0, {}, 0));
+        package_xml_del_instance(7, op);
+        package_xml_set_eu_autostart(7, "0");
     });
-    EXPECT_THAT(
-        datamodel_requests(),
-        ElementsAre("del {\"pid\":" + pid + ",\"" + std::string(kEu) + "\":[\"1\",\"3\"]}", "commit {}",
-                    "del {\"pid\":" + pid + ",\"" + std::string(kDu) + "\":[\"1\"]}", "commit {}"));
-    EXPECT_THAT(instances(kEu), ElementsAre(2));
-    EXPECT_THAT(instances(kDu), IsEmpty());
-    EXPECT_THAT(instances(kEe), ElementsAre(1));
+    EXPECT_EQ(requests(),
+              (std::vector<std::string>{
+                  "del {\"pid\":" + pid + ",\"" + kEu + "\":[\"1\",\"3\"]}", "commit {}",
+                  "del {\"pid\":" + pid + ",\"" + kDu + "\":[\"1\"]}", "commit {}",
+                  R"(set {"object":{"InternetGatewayDevice.SoftwareModules.ExecutionUnit.7.AutoStart":"0"}})",
+                  "commit {}"}));
+    EXPECT_EQ(
+        held(),
+        R"({"instances":{")" + kDu + R"(":[],")" + kEe + R"(":[1],")" + kEu +
+            R"(":[2]},"params":{"InternetGatewayDevice.SoftwareModules.ExecutionUnit.7.AutoStart":"0"},"commits":8})");
 }
 
-TEST_F(Instances, AutoStartIsSetOnTheUnitsParameterThenCommitted) {
-    inside([](std::string&) {
-        pkgd::package_xml_set_eu_autostart(7, "0");
-        return 0;
-    });
-    EXPECT_THAT(
-        datamodel_requests(),
-        ElementsAre(
-            R"(set {"object":{"InternetGatewayDevice.SoftwareModules.ExecutionUnit.7.AutoStart":"0"}})",
-            "commit {}"));
-}
-
-TEST_F(Instances, WithoutTheAgentNothingIsCreatedOrSent) {
-    set_fault("datamodel", "absent");
-    const std::string out = inside([](std::string& text) {
-        text = std::to_string(pkgd::package_xml_create_du_instance());
-        pkgd::package_xml_del_instance(pkgd::DM_INSTANCE_DU, removal(4, {}, 0));
-        pkgd::package_xml_set_eu_autostart(4, "0");
-        return 0;
-    });
-    EXPECT_EQ(out, "0");
-    set_fault("datamodel", "normal");
-    EXPECT_THAT(datamodel_requests(), IsEmpty());
-}
-
-TEST_F(Instances, ASlowOrRefusingAgentGivesNoInstanceButStillGetsTheCommit) {
-    for (const std::string_view mode : {"slow", "refuse"}) {
+TEST_F(DataModelInGateway, AnAgentThatIsAbsentSlowOrRefusingGivesNoInstance) {
+    ASSERT_TRUE(gw_->set_fault("datamodel", "absent"));
+    EXPECT_EQ(inside([](std::string& text) {
+                  text = std::to_string(package_xml_create_du_instance());
+                  package_xml_del_instance(DM_INSTANCE_DU, operation(4, {}, 0));
+                  package_xml_set_eu_autostart(4, "0");
+              }),
+              "0");
+    ASSERT_TRUE(gw_->set_fault("datamodel", "normal"));
+    EXPECT_TRUE(requests().empty());
+    // A slow or refusing one still gets the commit.
+    for (const char* mode : {"slow", "refuse"}) {
         SCOPED_TRACE(mode);
-        set_fault("datamodel", mode);
-        const std::string out = inside([](std::string& text) {
-            text = std::to_string(::getpid()) + ' ' + std::to_string(pkgd::package_xml_create_eu_instance());
-            return 0;
-        });
+        ASSERT_TRUE(gw_->set_fault("datamodel", mode));
+        const std::string out =
+            inside([](std::string& text) { text += ' ' + std::to_string(package_xml_create_eu_instance()); });
         const std::string pid = out.substr(0, out.find(' '));
         EXPECT_EQ(out, pid + " 0");
-        EXPECT_THAT(datamodel_requests(), ElementsAre(add(pid, kEu), "commit {}"));
-        set_fault("datamodel", "normal");
-        clear_request_log();
+        EXPECT_EQ(requests(), (std::vector<std::string>{add(pid, kEu), "commit {}"}));
+        ASSERT_TRUE(gw_->set_fault("datamodel", "normal"));
+        ASSERT_TRUE(gw_->sim_reset());
     }
 }
 
+TEST_F(DataModelInGateway, ListenersReceiveTheOperationResultCompletedAtItsSending) {
+    gwtest::Client listener(*gw_);
+    ASSERT_TRUE(listener.listen(kOperationResultEvent));
+    inside([](std::string&) {
+        package_response2lcm(operation_info{}, kFaultNone);  // no package: nothing
+        operation_info removal = operation(2, {5}, 0);
+        removal.type = OPERATION_REMOVE;
+        removal.time = "2024-03-05T07:00:00+00:00";
+        package_response2lcm(removal, kFaultRequestDenied);
+    });
+    const std::regex complete(R"(,"CompleteTime":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:00"\})");
+    ASSERT_EQ(listener.events(1).size(), 1u);
+    EXPECT_EQ(std::regex_replace(listener.events(1)[0], complete, "}"),
+              std::string(kOperationResultEvent) +
+                  R"( {"RequestID":0,"OperateID":0,"OperateMID":0,"UUID":"","CurrentStatus":"Installed",)"
+                  R"("FaultCode":9001,"Fault":"Request denied","OperationPerformed":"Uninstall",)"
+                  R"("StartTime":"2024-03-05T07:00:00+00:00"})");
+}
+
 }  // namespace
-}  // namespace datamodel_sandbox

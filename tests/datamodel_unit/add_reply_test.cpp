@@ -9,84 +9,66 @@
 
 namespace {
 
-std::int32_t read_reply(std::string_view json, std::int32_t before = 0) {
-    ubus::BlobBuf reply;
-    EXPECT_TRUE(ubus::json_load(reply, json)) << json;
-    std::int32_t result = before;
-    pkgd::_req_cwmp_add_node_cb(reply.members(), result);
-    return result;
+std::int32_t read_reply(ubus::Bytes reply, std::int32_t before) {
+    pkgd::_req_cwmp_add_node_cb(reply, before);
+    return before;
 }
 
-TEST(AddReply, FirstTrueMemberOfAnInstanceTableNamesTheInstance) {
-    EXPECT_EQ(read_reply(R"({"InternetGatewayDevice.SoftwareModules.DeploymentUnit.":{"3":true}})"), 3);
-    EXPECT_EQ(
-        read_reply(
-            R"({"InternetGatewayDevice.SoftwareModules.DeploymentUnit.":{"2":false,"5":true,"8":true}})"),
-        5);
-    // Any of the three tables counts, whichever object was asked for.
-    EXPECT_EQ(read_reply(R"({"InternetGatewayDevice.SoftwareModules.ExecEnv.":{"7":true}})"), 7);
-    EXPECT_EQ(read_reply(R"({"pid":9,"InternetGatewayDevice.SoftwareModules.ExecutionUnit.":{"12":true}})"),
-              12);
-    // A table without a true member does not end the search.
-    EXPECT_EQ(read_reply(R"({"InternetGatewayDevice.SoftwareModules.ExecEnv.":{"1":false},)"
-                         R"("InternetGatewayDevice.SoftwareModules.ExecutionUnit.":{"4":true}})"),
-              4);
-}
-
-TEST(AddReply, RepliesWithoutANewInstanceLeaveTheResultAlone) {
-    const std::string_view none[] = {
-        R"({})",
-        R"({"ok":{"3":true}})",
-        R"({"InternetGatewayDevice.SoftwareModules.DeploymentUnit":{"3":true}})",   // no trailing dot
-        R"({"InternetGatewayDevice.SoftwareModules.DeploymentUnit.":["3",true]})",  // not a table
-        R"({"InternetGatewayDevice.SoftwareModules.DeploymentUnit.":{"3":1,"4":"true","5":false}})",
-        R"({"InternetGatewayDevice.SoftwareModules.DeploymentUnit.":{"6":{"7":true}}})",
-        R"({"3":true})",
+TEST(AddReply, TheFirstTrueMemberOfAnInstanceTableNamesTheInstance) {
+    constexpr std::string_view kDu = R"("InternetGatewayDevice.SoftwareModules.DeploymentUnit.")";
+    const std::pair<std::string, std::int32_t> cases[] = {
+        {R"({"InternetGatewayDevice.SoftwareModules.DeploymentUnit.":{"3":true}})", 3},
+        {R"({"InternetGatewayDevice.SoftwareModules.DeploymentUnit.":{"2":false,"5":true,"8":true}})", 5},
+        // Any of the three tables counts, whichever object was asked for; one without a true
+        // member does not end the search.
+        {R"({"pid":9,"InternetGatewayDevice.SoftwareModules.ExecutionUnit.":{"12":true}})", 12},
+        {R"({"InternetGatewayDevice.SoftwareModules.ExecEnv.":{"1":false},)"
+         R"("InternetGatewayDevice.SoftwareModules.ExecutionUnit.":{"4":true}})",
+         4},
+        // Replies without a new instance leave the result alone.
+        {R"({})", 42},
+        {R"({"ok":{"3":true}})", 42},
+        {R"({"3":true})", 42},
+        {R"({"InternetGatewayDevice.SoftwareModules.DeploymentUnit":{"3":true}})", 42},  // no trailing dot
+        {"{" + std::string(kDu) + R"(:["3",true]})", 42},                                // not a table
+        {"{" + std::string(kDu) + R"(:{"3":1,"4":"true","5":false}})", 42},
+        {"{" + std::string(kDu) + R"(:{"6":{"7":true}}})", 42},
+        // A name that is no instance number gives 0 and ends the search.
+        {"{" + std::string(kDu) + R"(:{"abc":true,"9":true}})", 0},
     };
-    for (const std::string_view json : none) {
-        EXPECT_EQ(read_reply(json), 0) << json;
-        EXPECT_EQ(read_reply(json, 42), 42) << json;
+    for (const auto& [json, expected] : cases) {
+        ubus::BlobBuf reply;
+        ASSERT_TRUE(ubus::json_load(reply, json)) << json;
+        EXPECT_EQ(read_reply(reply.members(), 42), expected) << json;
+    }
+    // Names read like atoi; what reads as zero or less is no instance.
+    const std::pair<std::string_view, std::int32_t> names[] = {
+        {"-4", 0}, {"0", 0}, {"x1", 0}, {"12x", 12}, {" 3", 3}, {"+7", 7}, {"4294967297", 2147483647}};
+    for (const auto& [name, expected] : names) {
+        ubus::BlobBuf reply;
+        const auto table = reply.open_table(pkgd::kExecutionUnitPath);
+        reply.add_bool(name, true);
+        reply.add_bool("9", true);
+        reply.close(table);
+        EXPECT_EQ(read_reply(reply.members(), 42), expected) << name;
     }
 }
 
-TEST(AddReply, OnlyTheValueOneIsTrue) {
+TEST(AddReply, OnlyTheValueOneIsTrueAndTruncatedRepliesAreReadOnlyAsFarAsTheyGo) {
     ubus::BlobBuf reply;
     const auto table = reply.open_table(pkgd::kDeploymentUnitPath);
     reply.add_u8("3", 2);
     reply.add_i16("4", 1);
     reply.add_u8("5", 1);
     reply.close(table);
-    std::int32_t result = 0;
-    pkgd::_req_cwmp_add_node_cb(reply.members(), result);
-    EXPECT_EQ(result, 5);
-}
+    EXPECT_EQ(read_reply(reply.members(), 0), 5);
 
-TEST(AddReply, ANameThatIsNoInstanceNumberGivesZeroAndEndsTheSearch) {
-    for (const std::string_view name : {"abc", "-4", "0", "12x", " 3", "4294967297", "2147483648"}) {
-        ubus::BlobBuf reply;
-        const auto table = reply.open_table(pkgd::kExecutionUnitPath);
-        reply.add_bool(name, true);
-        reply.add_bool("9", true);
-        reply.close(table);
-        std::int32_t result = 42;
-        pkgd::_req_cwmp_add_node_cb(reply.members(), result);
-        EXPECT_EQ(result, 0) << name;
-    }
-}
-
-TEST(AddReply, TruncatedRepliesAreReadOnlyAsFarAsTheyGo) {
-    ubus::BlobBuf reply;
+    ubus::BlobBuf padded;
     ASSERT_TRUE(ubus::json_load(
-        reply, R"({"x":"padding","InternetGatewayDevice.SoftwareModules.ExecEnv.":{"2147483647":true}})"));
-    const ubus::Bytes whole = reply.members();
-    std::int32_t result = 0;
-    pkgd::_req_cwmp_add_node_cb(whole, result);
-    EXPECT_EQ(result, 2147483647);
-    for (std::size_t n = 0; n < whole.size(); ++n) {
-        result = 0;
-        pkgd::_req_cwmp_add_node_cb(whole.first(n), result);
-        EXPECT_EQ(result, 0) << n;
-    }
+        padded, R"({"x":"padding","InternetGatewayDevice.SoftwareModules.ExecEnv.":{"2147483647":true}})"));
+    const ubus::Bytes whole = padded.members();
+    EXPECT_EQ(read_reply(whole, 0), 2147483647);
+    for (std::size_t n = 0; n < whole.size(); ++n) EXPECT_EQ(read_reply(whole.first(n), 0), 0) << n;
 }
 
 }  // namespace

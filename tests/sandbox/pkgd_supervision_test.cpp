@@ -1,147 +1,123 @@
-// How the gateway runs pkgd: its command line and environment, its exit status, and starting,
-// stopping, restarting and signalling it on request.
+// How the gateway runs pkgd: in its root with only the environment it is given, and started,
+// stopped, restarted and signalled on request through the launcher's control socket.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <thread>
 
-#include "fakes.hpp"
+#include "gateway_client.hpp"
+#include "unix_socket.hpp"
 
-namespace sandbox::testing {
+namespace sandbox {
 namespace {
 
 using namespace std::chrono_literals;
 using State = PkgdStatus::State;
 
-// The stand-in logs once it is set up (SIGTERM handled); a stop before that would kill it instead.
-bool wait_until_started(const Gateway& gw, std::size_t runs) {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (std::chrono::steady_clock::now() < deadline) {
-        auto lines = gw.syslog_lines();
-        if (std::count_if(lines.begin(), lines.end(), [](const auto& l) {
-                return l.find("fake-pkgd[") != l.npos;
-            }) >= static_cast<long>(runs)) {
-            return true;
-        }
-        std::this_thread::sleep_for(10ms);
-    }
-    return false;
+constexpr std::string_view kEnvPrefix = "Services.Management.LCM.ExecutionEnvironments.";
+
+GatewayOptions with_pkgd() {
+    GatewayOptions options = gwtest::named_gateway();
+    options.pkgd = true;
+    return options;
 }
 
-TEST(Pkgd, WithoutABrokerItsExitStatusIsReported) {
-    GatewayOptions options = fake_gateway_with_pkgd();
-    options.broker = false;
-    Gateway gw(options);
-    ASSERT_TRUE(gw.up()) << gw.error();
-
-    auto status = gw.wait_pkgd_exit();
-    ASSERT_TRUE(status);
-    EXPECT_TRUE(status->exited_with(255)) << format_pkgd_status(*status);
-    EXPECT_EQ(status->runs, 1u);
-    EXPECT_EQ(read_file(gw.path("/var/run/sandbox/pkgd.status")), "exit:255\n");
+bool running(const PkgdStatus& s) {
+    return s.state == State::kRunning;
 }
 
-TEST(Pkgd, RunsChangingRootItselfWithOnlyTheEnvironmentItIsGiven) {
+TEST(Pkgd, RunsInItsRootWithOnlyTheEnvironmentItIsGiven) {
     // Set on the host: must not leak into pkgd, whose environment identity it would change.
     ::setenv("EXECENV_INDEX", "9", 1);
-    GatewayOptions plain = fake_gateway_with_pkgd();
-    GatewayOptions indexed = fake_gateway_with_pkgd();
+    GatewayOptions indexed = with_pkgd();
     indexed.pkgd_env = {"EXECENV_INDEX=7"};
-    Gateway gw_plain(plain);
-    Gateway gw_indexed(indexed);
+    Gateway plain(with_pkgd());
+    Gateway gw(indexed);
     ::unsetenv("EXECENV_INDEX");
-    ASSERT_TRUE(gw_plain.up()) << gw_plain.error();
-    ASSERT_TRUE(gw_indexed.up()) << gw_indexed.error();
-
-    // The stand-in logs once it has changed root and written its note.
-    ASSERT_TRUE(gw_plain.wait_syslog("started for System"));
-    ASSERT_TRUE(gw_indexed.wait_syslog("started for 7"));
-    auto note = read_file(gw_indexed.path("/tmp/fake-pkgd.txt"));
-    EXPECT_EQ(note.rfind("root=" + gw_indexed.root().string() + " env=7 pid=", 0), 0u) << note;
-    auto line = gw_indexed.wait_syslog("fake-pkgd[");
-    ASSERT_TRUE(line);
-    EXPECT_TRUE(line->starts_with("daemon.info ")) << *line;
-    EXPECT_NE(read_file(gw_plain.path("/tmp/fake-pkgd.txt")).find(" env=(unset) "), std::string::npos);
+    ASSERT_TRUE(plain.up()) << plain.error();
+    ASSERT_TRUE(gw.up()) << gw.error();
+    EXPECT_TRUE(gwtest::Client(plain).wait_for_object(std::string(kEnvPrefix) + "System"));
+    EXPECT_TRUE(std::filesystem::is_directory(plain.path("/tmp/opkg-System")));
+    // Without a catalog to ask, the environment named "7" is served as "1".
+    gwtest::Client probe(gw);
+    ASSERT_TRUE(probe.wait_for_object(std::string(kEnvPrefix) + "1"));
+    EXPECT_TRUE(probe.call(std::string(kEnvPrefix) + "1", "Get")
+                    .first()
+                    .starts_with(R"({"Header":{"Name":"OK"},"Body":{"Id":"1","Name":"7",)"));
 }
 
 TEST(Pkgd, StartedLaterThenSignalledRestartedAndStopped) {
-    GatewayOptions options = fake_gateway_with_pkgd();
+    GatewayOptions options = with_pkgd();
     options.pkgd_at_start = false;
     Gateway gw(options);
     ASSERT_TRUE(gw.up()) << gw.error();
-    auto idle = gw.pkgd_status();
-    ASSERT_TRUE(idle);
-    EXPECT_EQ(idle->state, State::kIdle);
+    gwtest::Client probe(gw);
+    const std::string environment = std::string(kEnvPrefix) + "System";
+    // Serving, so SIGTERM is handled: its last object is on the bus, registered anew by this run.
+    std::uint32_t last_id = 0;
+    const auto serving = [&] {
+        for (int tries = 0; tries < 500; ++tries, std::this_thread::sleep_for(20ms))
+            if (const auto id = probe.wait_for_object(environment); id && *id != last_id) {
+                last_id = *id;
+                return true;
+            }
+        return false;
+    };
+    ASSERT_EQ(gw.pkgd_status().value_or(PkgdStatus{}).state, State::kIdle);
     EXPECT_FALSE(gw.stop_pkgd());
 
     ASSERT_TRUE(gw.start_pkgd());
-    auto first = gw.wait_pkgd([](const PkgdStatus& s) { return s.state == State::kRunning; });
+    const auto first = gw.wait_pkgd(running);
     ASSERT_TRUE(first);
     EXPECT_EQ(first->runs, 1u);
     EXPECT_FALSE(gw.start_pkgd()) << "a second pkgd must not be started";
-
-    ASSERT_TRUE(wait_until_started(gw, 1));
+    ASSERT_TRUE(serving());
     ASSERT_TRUE(gw.signal_pkgd(SIGKILL));
-    auto killed = gw.wait_pkgd_exit();
+    const auto killed = gw.wait_pkgd_exit();
     ASSERT_TRUE(killed);
     EXPECT_TRUE(killed->killed_by(SIGKILL)) << format_pkgd_status(*killed);
     EXPECT_EQ(killed->pid, first->pid);
 
     ASSERT_TRUE(gw.restart_pkgd());
-    ASSERT_TRUE(gw.wait_pkgd([](const PkgdStatus& s) { return s.state == State::kRunning && s.runs == 2; }));
-    ASSERT_TRUE(wait_until_started(gw, 2));
+    ASSERT_TRUE(gw.wait_pkgd([](const PkgdStatus& s) { return running(s) && s.runs == 2; }));
+    ASSERT_TRUE(serving());
     ASSERT_TRUE(gw.restart_pkgd());  // while running: stopped, then started again
-    auto third = gw.wait_pkgd([](const PkgdStatus& s) { return s.state == State::kRunning && s.runs == 3; });
+    const auto third = gw.wait_pkgd([](const PkgdStatus& s) { return running(s) && s.runs == 3; });
     ASSERT_TRUE(third);
     EXPECT_TRUE(third->exited_with(0)) << "the restart stopped the previous run with SIGTERM";
-
-    ASSERT_TRUE(wait_until_started(gw, 3));
+    ASSERT_TRUE(serving());
     ASSERT_TRUE(gw.stop_pkgd());
-    auto stopped = gw.wait_pkgd_exit();
+    const auto stopped = gw.wait_pkgd_exit();
     ASSERT_TRUE(stopped);
     EXPECT_TRUE(stopped->exited_with(0)) << format_pkgd_status(*stopped);
 }
 
-TEST(Pkgd, RequestsAreRefusedWhenNoPkgdIsConfigured) {
-    Gateway gw(fake_gateway());
+TEST(Pkgd, RequestsAreRefusedWhenNoneIsConfigured) {
+    Gateway gw(gwtest::named_gateway());
     ASSERT_TRUE(gw.up()) << gw.error();
-    auto status = gw.pkgd_status();
+    const auto status = gw.pkgd_status();
     ASSERT_TRUE(status);
     EXPECT_EQ(status->state, State::kAbsent);
-    Status start = gw.start_pkgd();
-    EXPECT_FALSE(start);
-    EXPECT_EQ(start.error(), "no pkgd is configured");
+    EXPECT_EQ(gw.start_pkgd().error(), "no pkgd is configured");
 }
 
 TEST(ControlSocket, SilentAndGarbageClientsDoNotHoldUpOthers) {
-    Gateway gw(fake_gateway_with_pkgd());
+    Gateway gw(with_pkgd());
     ASSERT_TRUE(gw.up()) << gw.error();
     const auto socket = gw.path("/var/run/sandbox/control.sock");
     // Connected, never speaking: the launcher must not wait for it.
-    int silent = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket.c_str());
-    ASSERT_EQ(::connect(silent, reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0);
-
+    const ubus::UniqueFd silent = connect_unix(socket, SOCK_STREAM);
+    ASSERT_TRUE(silent);
     ControlReply unknown = control_request(socket, "reboot", 5s);
     EXPECT_FALSE(unknown.ok);
     EXPECT_EQ(unknown.text, "unknown request: reboot");
-    ControlReply huge = control_request(socket, std::string(10000, 'x'), 5s);
-    EXPECT_FALSE(huge.ok);
-    EXPECT_FALSE(control_request(socket, "signal 9x", 5s).ok);
-    EXPECT_FALSE(control_request(socket, "signal 65", 5s).ok);
-
-    auto status = gw.pkgd_status();
-    ASSERT_TRUE(status);
-    EXPECT_EQ(status->state, State::kRunning);
-    ::close(silent);
+    for (const std::string& bad :
+         {std::string(10000, 'x'), std::string("signal 9x"), std::string("signal 65")})
+        EXPECT_FALSE(control_request(socket, bad, 5s).ok) << bad.substr(0, 10);
+    EXPECT_EQ(gw.pkgd_status().value_or(PkgdStatus{}).state, State::kRunning);
 }
 
 }  // namespace
-}  // namespace sandbox::testing
+}  // namespace sandbox

@@ -1,44 +1,29 @@
-// The LCM catalog kept in step with the record files, read back from the simulator's state.
+// Record files on the gateway's paths: the LCM catalog kept in step with them (read back from the
+// simulator's state), and a write cut short.
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstddef>
+
 #include "pkgd/catalog.hpp"
 #include "pkgd/record_files.hpp"
-#include "sim_state.hpp"
-#include "store_gateway.hpp"
+#include "sample_records.hpp"
+#include "ubus/json.hpp"
+#include "worker.hpp"
 
 namespace {
 
+namespace fs = std::filesystem;
 using namespace pkgd;
-using store_sandbox::read_text;
+using gwtest::read_text;
+using gwtest::sim_requests;
 using store_sandbox::run_as_worker;
-using store_sandbox::SimState;
-
-pkg_info ordinary_package() {
-    pkg_info pkg;
-    pkg.id = "3";
-    pkg.url = "http://feed.example/demo.ipk";
-    pkg.du.index = 7;
-    pkg.du.name = "demo";
-    pkg.du.uuid = "uuid-7";
-    pkg.du.version = "1.0";
-    pkg.du.files = "/usr/bin/demo;/etc/init.d/demo;";
-    pkg.eu.push_back({4, "EU-4", "demo"});
-    pkg.eu.push_back({6, "EU-6", "demo-watch"});
-    return pkg;
-}
-
-pkg_info environment_package() {
-    pkg_info pkg;
-    pkg.id = "5";
-    pkg.du.index = 9;
-    pkg.du.pkgtype = PKGTYPE_EE;
-    pkg.du.name = "lxc";
-    ee_info ee;
-    ee.index = 2;
-    ee.name = "lxc";
-    ee.version = "2.0";
-    ee.file = "lxc";
-    pkg.ee = ee;
-    return pkg;
-}
+using store_test::environment_package;
+using store_test::ordinary_package;
 
 template <typename Build>
 std::string json_of(Build build) {
@@ -47,87 +32,76 @@ std::string json_of(Build build) {
     return ubus::json_format(msg);
 }
 
-class CatalogInGateway : public ::testing::Test {
+std::string update(const char* type, std::int32_t index, const std::string& record) {
+    return std::string(R"(catalog.update {"Type":")") + type + R"(","index":)" + std::to_string(index) +
+           R"(,"extra":)" + record + "}";
+}
+std::string removal(const char* type, std::int32_t index) {
+    return std::string(R"(catalog.delete {"Type":")") + type + R"(","Index":)" + std::to_string(index) + "}";
+}
+
+sandbox::GatewayOptions sim_gateway() {
+    auto options = gwtest::named_gateway();
+    options.simulator = true;
+    return options;
+}
+
+class CatalogInGateway : public gwtest::SharedGateway<sim_gateway> {
 protected:
-    static void SetUpTestSuite() {
-        sandbox::GatewayOptions options;
-        options.name = "store-catalog";
-        options.simulator = true;
-        gw_ = new sandbox::Gateway(options);
-    }
-    static void TearDownTestSuite() {
-        delete gw_;
-        gw_ = nullptr;
-    }
     void SetUp() override {
-        ASSERT_TRUE(gw_->up()) << gw_->error();
+        ASSERT_NO_FATAL_FAILURE(SharedGateway::SetUp());
         ASSERT_TRUE(gw_->set_fault("catalog", "normal"));
         ASSERT_TRUE(gw_->sim_reset());
     }
-
-    static sandbox::Gateway* gw_;
 };
-sandbox::Gateway* CatalogInGateway::gw_ = nullptr;
 
 TEST_F(CatalogInGateway, EveryUnitWriteAndDeleteIsMirrored) {
     run_as_worker(*gw_, [](std::string&) {
-        const pkg_info pkg = ordinary_package();
-        const pkg_info env = environment_package();
-        package_store_du_info(pkg);
-        package_store_pkg_info(pkg);  // local only
-        package_store_eu_info(pkg);
-        package_store_ee_info(pkg);  // no environment: nothing
-        package_store_ee_info(env);
+        package_store_du_info(ordinary_package());
+        package_store_pkg_info(ordinary_package());  // local only
+        package_store_eu_info(ordinary_package());
+        package_store_ee_info(ordinary_package());  // no environment: nothing
+        package_store_ee_info(environment_package());
     });
-
     // The catalog holds exactly what the files hold.
     const pkg_info pkg = ordinary_package();
-    const std::string du_json = json_of([&](auto& m) { du_record_message(m, pkg, "System"); });
-    EXPECT_EQ(SimState(*gw_).catalog_entry("DeploymentUnit", 7), du_json);
-    EXPECT_EQ(read_text(gw_->path("/usr/local/package/du/7")), du_json);
-    EXPECT_EQ(SimState(*gw_).catalog_entry("ExecutionUnit", 6),
-              R"({"euid":"EU-6","name":"demo-watch","EE":"System","PKG":"3"})");
-    EXPECT_EQ(SimState(*gw_).catalog_entry("ExecutionEnvironment", 2),
-              R"({"id":"5","name":"lxc","version":"2.0","file":"lxc","EE":"System"})");
-    const std::string catalog = "Services.Management.LCM.ExecutionEnvironments ";
+    const pkg_info env = environment_package();
+    const std::string du = json_of([&](auto& m) { du_record_message(m, pkg, "System"); });
+    const std::string eu4 = json_of([&](auto& m) { eu_record_message(m, pkg, pkg.eu[0], "System"); });
+    const std::string eu6 = json_of([&](auto& m) { eu_record_message(m, pkg, pkg.eu[1], "System"); });
+    const std::string ee = json_of([&](auto& m) { ee_record_message(m, env, *env.ee, "System"); });
+    EXPECT_EQ(read_text(gw_->path("/usr/local/package/du/7")), du);
+    EXPECT_EQ(gwtest::sim_state(*gw_, "catalog"),
+              R"({"DeploymentUnit":{"7":)" + du + R"(},"ExecutionEnvironment":{"2":)" + ee +
+                  R"(},"ExecutionUnit":{"4":)" + eu4 + R"(,"6":)" + eu6 + "}}");
     EXPECT_EQ(
-        SimState(*gw_).requests("catalog"),
-        (std::vector<std::string>{
-            catalog + "catalog.update {\"Type\":\"DeploymentUnit\",\"index\":7,\"extra\":" + du_json + "}",
-            catalog + R"(catalog.update {"Type":"ExecutionUnit","index":4,"extra":)"
-                      R"({"euid":"EU-4","name":"demo","EE":"System","PKG":"3"}})",
-            catalog + R"(catalog.update {"Type":"ExecutionUnit","index":6,"extra":)"
-                      R"({"euid":"EU-6","name":"demo-watch","EE":"System","PKG":"3"}})",
-            catalog + R"(catalog.update {"Type":"ExecutionEnvironment","index":2,"extra":)"
-                      R"({"id":"5","name":"lxc","version":"2.0","file":"lxc","EE":"System"}})",
-        }));
+        sim_requests(*gw_, "catalog"),
+        (std::vector<std::string>{update("DeploymentUnit", 7, du), update("ExecutionUnit", 4, eu4),
+                                  update("ExecutionUnit", 6, eu6), update("ExecutionEnvironment", 2, ee)}));
 
     ASSERT_TRUE(gw_->sim_reset());
-    const std::string removals = run_as_worker(*gw_, [](std::string& out) {
-        const pkg_info stored = ordinary_package();
-        package_delete_du_info(stored);
-        package_delete_eu_info(stored);
-        package_delete_ee_info(environment_package());
-        out += std::to_string(package_delete_pkg_info(stored));
-        out += std::to_string(package_delete_pkg_info(stored));
-        package_delete_du_info(stored);  // the file is gone; the catalog is still told
-    });
-    EXPECT_EQ(removals, "0-1");
-    EXPECT_TRUE(SimState(*gw_).catalog_keys().empty());
-    EXPECT_EQ(SimState(*gw_).requests("catalog"),
-              (std::vector<std::string>{
-                  catalog + R"(catalog.delete {"Type":"DeploymentUnit","Index":7})",
-                  catalog + R"(catalog.delete {"Type":"ExecutionUnit","Index":4})",
-                  catalog + R"(catalog.delete {"Type":"ExecutionUnit","Index":6})",
-                  catalog + R"(catalog.delete {"Type":"ExecutionEnvironment","Index":2})",
-                  catalog + R"(catalog.delete {"Type":"DeploymentUnit","Index":7})",
-              }));
-    for (const char* file : {"/usr/local/package/du/7", "/usr/local/package/eu/4", "/usr/local/package/ee/2",
-                             "/usr/local/package/pkg/3"})
-        EXPECT_FALSE(std::filesystem::exists(gw_->path(file))) << file;
+    EXPECT_EQ(
+        run_as_worker(*gw_,
+                      [](std::string& out) {
+                          const pkg_info stored = ordinary_package();
+                          package_delete_du_info(stored);
+                          package_delete_eu_info(stored);
+                          package_delete_ee_info(environment_package());
+                          out += std::to_string(package_delete_pkg_info(stored));
+                          out += std::to_string(package_delete_pkg_info(stored));
+                          package_delete_du_info(stored);  // the file is gone; the catalog is still told
+                      }),
+        "0-1");
+    EXPECT_EQ(gwtest::sim_state(*gw_, "catalog"), "{}");
+    EXPECT_EQ(sim_requests(*gw_, "catalog"),
+              (std::vector<std::string>{removal("DeploymentUnit", 7), removal("ExecutionUnit", 4),
+                                        removal("ExecutionUnit", 6), removal("ExecutionEnvironment", 2),
+                                        removal("DeploymentUnit", 7)}));
+    for (const char* file : {"du/7", "eu/4", "ee/2", "pkg/3"})
+        EXPECT_FALSE(fs::exists(gw_->path("/usr/local/package/" + std::string(file)))) << file;
 }
 
-TEST_F(CatalogInGateway, NothingIsSentForAnUnknownKind) {
+TEST_F(CatalogInGateway, NothingIsSentForAnUnknownKindAndRecordsAreWrittenWithoutACatalog) {
     run_as_worker(*gw_, [](std::string&) {
         ubus::BlobBuf record;
         record.add_string("name", "x");
@@ -136,25 +110,77 @@ TEST_F(CatalogInGateway, NothingIsSentForAnUnknownKind) {
         __delete_lcmd_catalog(-1, 1);
         __delete_lcmd_catalog(CATALOG_EU, 8);  // a known kind still goes out
     });
-    EXPECT_EQ(
-        SimState(*gw_).requests("catalog"),
-        (std::vector<std::string>{
-            R"(Services.Management.LCM.ExecutionEnvironments catalog.delete {"Type":"ExecutionUnit","Index":8})"}));
+    EXPECT_EQ(sim_requests(*gw_, "catalog"), std::vector<std::string>{removal("ExecutionUnit", 8)});
+
+    ASSERT_TRUE(gw_->set_fault("catalog", "absent"));
+    ASSERT_TRUE(gw_->sim_reset());
+    // Written, then read back inside as the daemon would.
+    EXPECT_EQ(run_as_worker(*gw_,
+                            [](std::string& out) {
+                                package_store_du_info(ordinary_package());
+                                pkg_info pkg;
+                                out = std::to_string(package_get_du_info(pkg, 7));
+                                out += " " + pkg.du.name.value_or("?");
+                            }),
+              "0 demo");
+    EXPECT_TRUE(sim_requests(*gw_, "catalog").empty());
 }
 
-TEST_F(CatalogInGateway, RecordsAreWrittenWithoutACatalog) {
-    ASSERT_TRUE(gw_->set_fault("catalog", "absent"));
-    run_as_worker(*gw_, [](std::string&) { package_store_du_info(ordinary_package()); });
-    EXPECT_NE(read_text(gw_->path("/usr/local/package/du/7")).find(R"("name":"demo")"), std::string::npos);
-    EXPECT_TRUE(SimState(*gw_).requests("catalog").empty());
+// From now on the process is killed by the kernel (SIGSYS) when it tries to rename a file.
+bool die_on_rename() {
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+#ifdef __NR_rename
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_rename, 3, 0),
+#else
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_renameat, 2, 0),
+#endif
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_renameat, 2, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_renameat2, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+    };
+    sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           ::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &program) == 0;
+}
 
-    // Read back inside as the daemon would.
-    const std::string out = run_as_worker(*gw_, [](std::string& text) {
-        pkg_info pkg;
-        const int read = package_get_du_info(pkg, 7);
-        text = std::to_string(read) + " " + pkg.du.name.value_or("?");
+pkg_info version(const char* text) {
+    pkg_info pkg = ordinary_package();
+    pkg.du.version = text;
+    return pkg;
+}
+
+TEST(InterruptedWriteInGateway, OldRecordStaysWhole) {
+    sandbox::Gateway gw(gwtest::named_gateway());
+    ASSERT_TRUE(gw.up()) << gw.error();
+    run_as_worker(gw, [](std::string&) { package_store_du_info(version("1.0")); });
+    const fs::path record = gw.path("/usr/local/package/du/7");
+    const std::string old_text = read_text(record);
+    ASSERT_NE(old_text.find(R"("version":"1.0")"), std::string::npos) << old_text;
+
+    const sandbox::CommandResult cut = gw.run_inside([](std::string& out) {
+        ::unsetenv("EXECENV_INDEX");
+        package_init_env();
+        if (!die_on_rename()) {
+            out = "cannot install the filter";
+            return 1;
+        }
+        package_store_du_info(version("2.0"));
+        out = "the write finished without renaming";
+        return 1;
     });
-    EXPECT_EQ(out, "0 demo");
+    ASSERT_EQ(cut.exit_code, 128 + SIGSYS) << cut.out << cut.err;
+    // The new content got as far as a hidden file beside the record, never into the record.
+    EXPECT_EQ(read_text(record), old_text);
+    std::vector<std::string> others;
+    for (const auto& entry : fs::directory_iterator(record.parent_path()))
+        if (entry.path() != record) others.push_back(read_text(entry.path()));
+    ASSERT_EQ(others.size(), 1u);
+    EXPECT_NE(others[0].find(R"("version":"2.0")"), std::string::npos) << others[0];
+    // A later write (by another worker) replaces the record as usual.
+    run_as_worker(gw, [](std::string&) { package_store_du_info(version("3.0")); });
+    EXPECT_NE(read_text(record).find(R"("version":"3.0")"), std::string::npos);
 }
 
 }  // namespace

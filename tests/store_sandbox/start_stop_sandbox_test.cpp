@@ -1,34 +1,39 @@
-// Starting and stopping packages through the simulator's service manager, which runs the root's
-// init scripts; the LCM events that follow only a successful request.
-#include <sys/stat.h>
-
+// Packages at run time inside a gateway: starting and stopping them through the simulator's
+// service manager (which runs the root's init scripts), the LCM events on the bus, and the run
+// state of a program that really runs, found through the package's own paths to it.
+#include <cstdint>
 #include <filesystem>
-#include <fstream>
 
 #include "pkgd/lcm_events.hpp"
 #include "pkgd/run_state.hpp"
-#include "sim_state.hpp"
-#include "store_gateway.hpp"
+#include "worker.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace pkgd;
-using store_sandbox::EventLog;
-using store_sandbox::read_text;
+using gwtest::read_text;
 using store_sandbox::run_as_worker;
-using store_sandbox::SimState;
 
 constexpr const char* kPackageObject = "Services.Management.LCM.ExecutionEnvironments.System.Packages.3";
-constexpr const char* kServices = "Services.Management.LCM.ExecutionEnvironments.System.Services operate ";
 
-// Init scripts that note each call in /tmp/operations.
-void install_scripts(const fs::path& root) {
-    for (const char* name : {"demo", "demo-watch", "lxc"}) {
-        const fs::path script = root / "etc/init.d" / name;
-        std::ofstream(script) << "#!/bin/sh\necho \"" << name << " $1\" >> /tmp/operations\n";
-        fs::permissions(script, fs::perms(0755));
-    }
+sandbox::GatewayOptions gateway_with_packages() {
+    auto options = gwtest::named_gateway();
+    options.simulator = true;
+    options.prepare = [](const fs::path& root) {
+        // Init scripts that note each call in /tmp/operations.
+        for (const char* name : {"demo", "demo-watch", "lxc"})
+            gwtest::write_script(root / "etc/init.d" / name,
+                                 std::string("echo \"") + name + " $1\" >> /tmp/operations");
+        // A program that runs as "sleep" by its name, so no other process of the gateway shares its file.
+        fs::create_directories(root / "opt/app/bin");
+        fs::create_directories(root / "usr/local/app");
+        fs::copy_file(root / "bin/busybox", root / "opt/app/bin/sleep");
+        fs::create_hard_link(root / "opt/app/bin/sleep", root / "usr/local/app/sleep-hard");
+        fs::create_symlink("/opt/app/bin/sleep", root / "usr/local/app/sleep-soft");
+        fs::copy_file(root / "bin/busybox", root / "usr/local/app/idle");
+    };
+    return options;
 }
 
 pkg_info ordinary_package() {
@@ -44,88 +49,112 @@ pkg_info environment_package(bool with_ee) {
     pkg_info pkg = ordinary_package();
     pkg.eu.clear();
     pkg.du.pkgtype = PKGTYPE_EE;
-    if (with_ee) {
-        pkg.ee.emplace();
-        pkg.ee->index = 2;
-        pkg.ee->file = "lxc";
-    }
+    if (with_ee) pkg.ee.emplace().file = "lxc";
     return pkg;
 }
 
-class StartStopInGateway : public ::testing::Test {
+std::string event(const lcm_event& e, std::string_view body) {
+    return std::string(kLcmEventType) + R"( {"Header":{"Code":)" + std::to_string(e.code) + R"(,"Name":")" +
+           std::string(e.name) + "\"}" + std::string(body) + "}";
+}
+std::string package_body() {
+    return std::string(R"(,"Body":{"PackageId":")") + kPackageObject + "\"}";
+}
+
+class PackagesInGateway : public gwtest::SharedGateway<gateway_with_packages> {
 protected:
-    static void SetUpTestSuite() {
-        sandbox::GatewayOptions options;
-        options.name = "store-start-stop";
-        options.simulator = true;
-        options.prepare = install_scripts;
-        gw_ = new sandbox::Gateway(options);
-    }
-    static void TearDownTestSuite() {
-        delete gw_;
-        gw_ = nullptr;
-    }
     void SetUp() override {
-        ASSERT_TRUE(gw_->up()) << gw_->error();
-        ASSERT_TRUE(events_.ok());
+        ASSERT_NO_FATAL_FAILURE(SharedGateway::SetUp());
+        ASSERT_TRUE(events_.listen(kLcmEventType));
         ASSERT_TRUE(gw_->set_fault("services", "normal"));
         ASSERT_TRUE(gw_->sim_reset());
         fs::remove(gw_->path("/tmp/operations"));
     }
-
     // package_start or package_stop of `pkg` inside the gateway: its answer.
-    std::string act(const pkg_info& pkg, bool start) {
+    static std::string act(const pkg_info& pkg, bool start) {
         return run_as_worker(*gw_, [&pkg, start](std::string& out) {
             out = std::to_string(start ? package_start(pkg) : package_stop(pkg));
         });
     }
-
-    static std::string event(int code, const char* name) {
-        return std::string(kLcmEventType) + R"( {"Header":{"Code":)" + std::to_string(code) + R"(,"Name":")" +
-               name + R"("},"Body":{"PackageId":")" + kPackageObject + "\"}}";
-    }
-
-    static sandbox::Gateway* gw_;
-    EventLog events_{*gw_, kLcmEventType};
+    gwtest::Client events_{*gw_};
 };
-sandbox::Gateway* StartStopInGateway::gw_ = nullptr;
 
-TEST_F(StartStopInGateway, UnitsAreStartedAndStoppedThenAnnounced) {
+TEST_F(PackagesInGateway, UnitsAreStartedAndStoppedThenAnnounced) {
     EXPECT_EQ(act(ordinary_package(), true), "0");
     EXPECT_EQ(act(ordinary_package(), false), "0");
     EXPECT_EQ(read_text(gw_->path("/tmp/operations")),
               "demo start\ndemo-watch start\ndemo stop\ndemo-watch stop\n");
-    EXPECT_EQ(SimState(*gw_).requests("services"),
-              (std::vector<std::string>{
-                  std::string(kServices) + R"({"Operation":"start","name":["demo","demo-watch"]})",
-                  std::string(kServices) + R"({"Operation":"stop","name":["demo","demo-watch"]})"}));
-    EXPECT_EQ(events_.wait_for(2),
-              (std::vector<std::string>{event(10, "SERVICES_MANAGEMENT_LCM_PACKAGE_ENABLED"),
-                                        event(11, "SERVICES_MANAGEMENT_LCM_PACKAGE_DISABLED")}));
+    EXPECT_EQ(gwtest::sim_requests(*gw_, "services"),
+              (std::vector<std::string>{R"(operate {"Operation":"start","name":["demo","demo-watch"]})",
+                                        R"(operate {"Operation":"stop","name":["demo","demo-watch"]})"}));
+    EXPECT_EQ(events_.events(2), (std::vector<std::string>{event(kLcmPackageEnabled, package_body()),
+                                                           event(kLcmPackageDisabled, package_body())}));
 }
 
-TEST_F(StartStopInGateway, EnvironmentPackageNamesItsScriptOrNothing) {
+TEST_F(PackagesInGateway, EnvironmentPackageNamesItsScriptOrNothing) {
     EXPECT_EQ(act(environment_package(true), true), "0");
     pkg_info no_units = ordinary_package();
     no_units.eu.clear();
-    act(no_units, false);
-    act(environment_package(false), true);
+    EXPECT_EQ(act(no_units, false), "0");
+    EXPECT_EQ(act(environment_package(false), true), "0");
     EXPECT_EQ(read_text(gw_->path("/tmp/operations")), "lxc start\n");
-    EXPECT_EQ(SimState(*gw_).requests("services"),
-              (std::vector<std::string>{std::string(kServices) + R"({"Operation":"start","name":["lxc"]})",
-                                        std::string(kServices) + R"({"Operation":"stop","name":[]})",
-                                        std::string(kServices) + R"({"Operation":"start"})"}));
+    EXPECT_EQ(gwtest::sim_requests(*gw_, "services"),
+              (std::vector<std::string>{R"(operate {"Operation":"start","name":["lxc"]})",
+                                        R"(operate {"Operation":"stop","name":[]})",
+                                        R"(operate {"Operation":"start"})"}));
 }
 
-TEST_F(StartStopInGateway, FailedRequestsGiveMinusOneAndNoEvent) {
+TEST_F(PackagesInGateway, FailedRequestsGiveMinusOneAndNoEvent) {
     for (const char* mode : {"slow", "refuse", "absent"}) {
         SCOPED_TRACE(mode);
         ASSERT_TRUE(gw_->set_fault("services", mode));
         EXPECT_EQ(act(ordinary_package(), true), "-1");
         EXPECT_EQ(act(ordinary_package(), false), "-1");
     }
-    EXPECT_TRUE(events_.settle().empty());
+    EXPECT_TRUE(events_.events(SIZE_MAX, std::chrono::milliseconds(300)).empty());
     EXPECT_FALSE(fs::exists(gw_->path("/tmp/operations")));
+}
+
+TEST_F(PackagesInGateway, EventsCarryTheirHeaderAndABodyOnlyWithAKey) {
+    run_as_worker(*gw_, [](std::string&) {
+        package_event(kLcmInstalling, kLcmPackageIdKey, kPackageObject);
+        package_event(kLcmExecEnvAdded, kLcmExecEnvIdKey,
+                      "Services.Management.LCM.ExecutionEnvironments.lxc");
+        package_event(kLcmDeleteFailed, "", "no body");
+    });
+    EXPECT_EQ(
+        events_.events(3),
+        (std::vector<std::string>{
+            event(kLcmInstalling, package_body()),
+            event(
+                kLcmExecEnvAdded,
+                R"(,"Body":{"ExecutionEnvironmentId":"Services.Management.LCM.ExecutionEnvironments.lxc"})"),
+            event(kLcmDeleteFailed, "")}));
+}
+
+TEST_F(PackagesInGateway, AProgramRunsWhenReachedThroughAHardOrASymbolicLink) {
+    // "name=status " for each file list, as package_get_status answers inside the gateway.
+    const auto statuses = [] {
+        return run_as_worker(*gw_, [](std::string& out) {
+            const std::pair<const char*, const char*> lists[] = {
+                {"hard", "/usr/local/package/gone;/usr/local/app/sleep-hard;"},
+                {"soft", "/usr/local/app/idle;/no/such/file;/usr/local/app/sleep-soft"},
+                {"other", "/usr/local/app/idle;/etc/init.d/;"},
+            };
+            for (const auto& [name, files] : lists) {
+                pkg_info pkg;
+                pkg.status = PKG_STATUS_INSTALLED;
+                pkg.du.files = files;
+                out += std::string(name) + "=" + std::string(package_get_status(pkg)) + " ";
+            }
+        });
+    };
+    EXPECT_EQ(statuses(), "hard=Installed soft=Installed other=Installed ");
+    sandbox::InsideProcess program = gw_->spawn({"/opt/app/bin/sleep", "600"});
+    ASSERT_TRUE(program.started()) << program.error();
+    EXPECT_EQ(statuses(), "hard=Running soft=Running other=Installed ");
+    program.stop();
+    EXPECT_EQ(statuses(), "hard=Installed soft=Installed other=Installed ");
 }
 
 }  // namespace

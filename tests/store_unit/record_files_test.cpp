@@ -1,9 +1,11 @@
-// The record files on disk, under a scratch directory and without the catalog.
+// The record files on disk, under a scratch directory and without the catalog: round trips of
+// every kind, what missing, broken or wrongly typed files do to a record, and names refused.
 #include "pkgd/record_files.hpp"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
+#include <algorithm>
+#include <tuple>
 
 #include "sample_records.hpp"
 #include "temp_dir.hpp"
@@ -14,6 +16,22 @@ namespace {
 using namespace pkgd;
 namespace fs = std::filesystem;
 using store_test::read_file;
+using store_test::write_file;
+
+// Every record message of a package, as its files would hold them.
+std::string record_texts(const pkg_info& pkg) {
+    std::string texts;
+    const auto add = [&texts](auto build) {
+        ubus::BlobBuf msg;
+        build(msg);
+        texts += ubus::json_format(msg) + "\n";
+    };
+    add([&](auto& m) { pkg_record_message(m, pkg); });
+    if (pkg.du.index != 0) add([&](auto& m) { du_record_message(m, pkg, "System"); });
+    for (const eu_info& eu : pkg.eu) add([&](auto& m) { eu_record_message(m, pkg, eu, "System"); });
+    if (pkg.ee) add([&](auto& m) { ee_record_message(m, pkg, *pkg.ee, "System"); });
+    return texts;
+}
 
 class RecordFilesTest : public ::testing::Test {
 protected:
@@ -21,7 +39,6 @@ protected:
         ASSERT_FALSE(dir_.path().empty());
         for (const char* sub : {"pkg", "du", "eu", "ee"}) fs::create_directory(dir_ / sub);
     }
-
     // Every file under the store, as "sub/name".
     std::vector<std::string> all_files() const {
         std::vector<std::string> names;
@@ -30,122 +47,118 @@ protected:
         std::sort(names.begin(), names.end());
         return names;
     }
+    void store(const pkg_info& pkg) const {
+        files_.store_du(pkg);
+        files_.store_eu(pkg);
+        files_.store_ee(pkg);  // nothing without an environment
+        files_.store_pkg(pkg);
+    }
+    pkg_info load(const std::string& id) const {
+        pkg_info back;
+        back.id = id;
+        files_.load_pkg(back);
+        return back;
+    }
 
     store_test::TempDir dir_;
-    RecordFiles files_{dir_.str(), "System", false};
+    RecordFiles files_{dir_.path().string(), "System", false};
 };
 
-TEST_F(RecordFilesTest, StoredPackageLoadsBackIntoAFreshRecord) {
-    const pkg_info pkg = store_test::ordinary_package();
-    files_.store_du(pkg);
-    files_.store_eu(pkg);
-    files_.store_ee(pkg);  // no environment: nothing
-    files_.store_pkg(pkg);
-    EXPECT_EQ(all_files(), (std::vector<std::string>{"du/7", "eu/4", "eu/6", "pkg/3"}));
-
+TEST_F(RecordFilesTest, EveryKindOfRecordComesBackWhole) {
+    pkg_info pkg = store_test::ordinary_package();
+    pkg.disable_autostart = 1;
+    pkg_info env = store_test::environment_package();
+    // Absent optional texts stay absent in a fresh record, they do not become empty.
+    pkg_info sparse;
+    sparse.id = "8";
+    sparse.du.index = 2;
+    sparse.du.name = "n";
+    sparse.du.pkgtype = PKGTYPE_EE;
+    for (const pkg_info* p : {&pkg, &env, &sparse}) {
+        store(*p);
+        EXPECT_EQ(record_texts(load(p->id)), record_texts(*p)) << p->id;
+    }
+    EXPECT_EQ(all_files(), (std::vector<std::string>{"du/2", "du/7", "du/9", "ee/2", "eu/4", "eu/6", "pkg/3",
+                                                     "pkg/5", "pkg/8"}));
     // The file is exactly the compact JSON text, without a trailing newline.
     ubus::BlobBuf expected;
     eu_record_message(expected, pkg, pkg.eu[0], "System");
     EXPECT_EQ(read_file(dir_ / "eu/4"), ubus::json_format(expected));
 
-    pkg_info back;
-    back.id = "3";
-    files_.load_pkg(back);
-    EXPECT_EQ(back.du.index, 7);
-    EXPECT_EQ(back.du.name, "demo");
-    EXPECT_EQ(back.du.size, 3'000'000'000u);
-    EXPECT_EQ(back.url, pkg.url);
-    ASSERT_EQ(back.eu.size(), 2u);
-    EXPECT_EQ(back.eu[0].index, 4);
-    EXPECT_EQ(back.eu[1].name, "demo-watch");
-    EXPECT_FALSE(back.ee);
-
-    const pkg_info env = store_test::environment_package();
-    files_.store_ee(env);
-    files_.store_pkg(env);
-    pkg_info env_back;
-    env_back.id = "5";
-    files_.load_pkg(env_back);
-    ASSERT_TRUE(env_back.ee);
-    EXPECT_EQ(env_back.ee->index, 2);
-    EXPECT_EQ(env_back.ee->type, "Execution Environment/LXC");
-    EXPECT_EQ(env_back.du.index, 0);  // its DU file was never written
-}
-
-TEST_F(RecordFilesTest, RewriteReplacesTheRecordAndLeavesNothingElse) {
-    pkg_info pkg = store_test::ordinary_package();
-    files_.store_du(pkg);
+    // A rewrite replaces the record and leaves nothing else.
     pkg.du.version = "2.0";
     pkg.du.vendor.reset();
     files_.store_du(pkg);
-    EXPECT_EQ(all_files(), (std::vector<std::string>{"du/7"}));
-    pkg_info back;
-    ASSERT_EQ(files_.load_du(back, 7), 0);
-    EXPECT_EQ(back.du.version, "2.0");
-    EXPECT_FALSE(back.du.vendor);
+    EXPECT_EQ(record_texts(load("3")), record_texts(pkg));
+    EXPECT_EQ(all_files().size(), 9u);
 }
 
-TEST_F(RecordFilesTest, MissingOrBrokenFilesLeaveTheRecordAsItWas) {
+TEST_F(RecordFilesTest, MissingBrokenOrWronglyTypedContentLeavesTheRecordAsItWas) {
     pkg_info pkg;
     pkg.du.index = 11;
     pkg.du.name = "kept";
+    pkg.du.size = 99;
+    pkg.du.resolved = 1;
     EXPECT_EQ(files_.load_du(pkg, 5), -1);
-    EXPECT_EQ(pkg.du.index, 11);
-
-    store_test::write_file(dir_ / "du/5", "[1,2]");
-    store_test::write_file(dir_ / "eu/5", R"({"euid": "trunc)");
-    store_test::write_file(dir_ / "ee/5", "");
+    write_file(dir_ / "du/5", "[1,2]");
+    write_file(dir_ / "eu/5", R"({"euid": "trunc)");
+    write_file(dir_ / "ee/5", "");
     EXPECT_EQ(files_.load_du(pkg, 5), -1);
     files_.load_eu(pkg, 5);
     files_.load_ee(pkg, 5);
-    EXPECT_EQ(pkg.du.index, 11);
-    EXPECT_EQ(pkg.du.name, "kept");
-    EXPECT_TRUE(pkg.eu.empty());
-    EXPECT_FALSE(pkg.ee);
+    EXPECT_EQ(std::tuple(pkg.du.index, pkg.eu.size(), pkg.ee.has_value()), std::tuple(11, 0u, false));
+    // Members of the wrong type count as absent.
+    write_file(dir_ / "du/4", R"({"size":"12","resolved":0.0,"name":7,"installedsize":5,"enabled":true})");
+    EXPECT_EQ(files_.load_du(pkg, 4), 0);
+    EXPECT_EQ(std::tuple(pkg.du.index, pkg.du.name, pkg.du.size, pkg.du.resolved, pkg.du.installedsize,
+                         pkg.du.enabled),
+              std::tuple(4, std::optional<std::string>("kept"), 99u, 1, 5u, 1));
+    write_file(dir_ / "eu/4", R"({"euid":"EU-4","name":"four"})");
+    write_file(dir_ / "pkg/9", R"({"DU":"4","EE":true,"resource.url":3,"disableautostart":1,"EU":4})");
+    pkg_info typed;
+    typed.id = "9";
+    typed.url = "http://old/";
+    files_.load_pkg(typed);
+    EXPECT_EQ(std::tuple(typed.du.index, typed.ee.has_value(), typed.url.str(), typed.disable_autostart,
+                         typed.eu.size()),
+              std::tuple(0, false, "http://old/", 0, 0u));
 
-    // A package file pointing at records that are not there registers nothing of them.
-    store_test::write_file(dir_ / "pkg/9", R"({"EE":1,"DU":2,"EU":[3],"resource.url":"ftp://h/x"})");
-    pkg_info dangling;
-    dangling.id = "9";
-    files_.load_pkg(dangling);
-    EXPECT_FALSE(dangling.ee);
-    EXPECT_EQ(dangling.du.index, 0);
-    EXPECT_TRUE(dangling.eu.empty());
-    EXPECT_EQ(dangling.url, "ftp://h/x");
+    // Elements of "EU" that are not indexes are skipped; links to records that are not there
+    // register nothing of them.
+    write_file(dir_ / "eu/7", R"({"euid":"EU-7","name":"seven"})");
+    write_file(dir_ / "pkg/9", R"({"EE":1,"DU":2,"EU":[4,"x",7,true,8.5,[1],3],"resource.url":"ftp://h/x"})");
+    const pkg_info dangling = load("9");
+    EXPECT_EQ(std::tuple(dangling.du.index, dangling.ee.has_value(), dangling.url.str()),
+              std::tuple(0, false, "ftp://h/x"));
+    std::vector<std::string> units;
+    for (const eu_info& eu : dangling.eu)
+        units.push_back(std::to_string(eu.index) + ":" + eu.name.value_or("-"));
+    EXPECT_EQ(units, (std::vector<std::string>{"4:four", "7:seven"}));
 }
 
-TEST_F(RecordFilesTest, WritingIntoAMissingDirectoryIsSilent) {
-    fs::remove(dir_ / "eu");
+TEST_F(RecordFilesTest, DeletingAndWritingWhereNothingCanBeDone) {
     const pkg_info pkg = store_test::ordinary_package();
-    files_.store_eu(pkg);
-    EXPECT_TRUE(all_files().empty());
-}
-
-TEST_F(RecordFilesTest, DeletingReportsOnlyForThePackageFile) {
-    const pkg_info pkg = store_test::ordinary_package();
-    files_.store_pkg(pkg);
-    files_.store_du(pkg);
-    files_.store_eu(pkg);
+    store(pkg);
     EXPECT_EQ(files_.delete_pkg(pkg), 0);
-    EXPECT_EQ(files_.delete_pkg(pkg), -1);
+    EXPECT_EQ(files_.delete_pkg(pkg), -1);  // only the package file reports
     files_.delete_eu(pkg);
     files_.delete_du(pkg);
     files_.delete_du(pkg);  // already gone: nothing to do, no harm
     EXPECT_TRUE(all_files().empty());
-}
-
-TEST_F(RecordFilesTest, PackageIdsThatAreNotPlainNamesAreRefused) {
+    // Into a missing directory: silent.
+    fs::remove(dir_ / "eu");
+    files_.store_eu(pkg);
+    // Package ids that are not plain names could reach other files: refused.
     fs::create_directory(dir_ / "pkg/sub");
     for (const char* id : {"", ".", "..", ".3", "../du/7", "sub/x", "/abs"}) {
-        SCOPED_TRACE(id);
-        pkg_info pkg = store_test::ordinary_package();
-        pkg.id = id;
-        EXPECT_EQ(files_.pkg_path(id), "");
-        files_.store_pkg(pkg);
-        EXPECT_EQ(files_.delete_pkg(pkg), -1);
+        pkg_info odd = pkg;
+        odd.id = id;
+        EXPECT_EQ(files_.pkg_path(id), "") << id;
+        files_.store_pkg(odd);
+        EXPECT_EQ(files_.delete_pkg(odd), -1) << id;
     }
     EXPECT_TRUE(all_files().empty());
-    EXPECT_EQ(files_.pkg_path("42"), dir_.str() + "/pkg/42");
+    EXPECT_EQ(files_.pkg_path("42"), dir_.path().string() + "/pkg/42");
 }
 
 }  // namespace

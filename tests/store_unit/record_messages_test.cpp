@@ -1,8 +1,11 @@
-// The members of the four record files: names, order, JSON types and the conditions under which
-// each is present. Compared as the compact JSON the files hold.
+// The messages built from records: the members of the four record files (names, order, JSON types
+// and the conditions under which each is present), and what pkgd sends its peers.
 #include <gtest/gtest.h>
 
+#include "pkgd/catalog.hpp"
+#include "pkgd/lcm_events.hpp"
 #include "pkgd/record_files.hpp"
+#include "pkgd/run_state.hpp"
 #include "sample_records.hpp"
 #include "ubus/json.hpp"
 
@@ -17,13 +20,12 @@ std::string json_of(Build build) {
     return ubus::json_format(msg);
 }
 
-TEST(PackageRecordMessage, MembersFollowTheUnitsThePackageHas) {
+TEST(RecordMessages, PackageMembersFollowTheUnitsThePackageHas) {
     pkg_info pkg = store_test::ordinary_package();
     EXPECT_EQ(json_of([&](auto& m) { pkg_record_message(m, pkg); }),
               R"({"DU":7,"EU":[4,6],"UUID":"0d0e0a0d-0000-5000-8000-000000000001",)"
               R"("resource.url":"http://feed.example:8080/pkgs/demo.ipk","resource.username":"alice",)"
               R"("resource.password":"s3cret"})");
-
     // Without units: no "EU" (not even an empty one); any non-zero flag is written as true.
     pkg.eu.clear();
     pkg.disable_autostart = 2;
@@ -32,16 +34,13 @@ TEST(PackageRecordMessage, MembersFollowTheUnitsThePackageHas) {
               R"({"DU":7,"UUID":"0d0e0a0d-0000-5000-8000-000000000001",)"
               R"("resource.url":"http://feed.example:8080/pkgs/demo.ipk","resource.username":"",)"
               R"("resource.password":"s3cret","disableautostart":true})");
-
-    const pkg_info env = store_test::environment_package();
-    EXPECT_EQ(json_of([&](auto& m) { pkg_record_message(m, env); }),
+    EXPECT_EQ(json_of([&](auto& m) { pkg_record_message(m, store_test::environment_package()); }),
               R"({"EE":2,"DU":9,"UUID":"u-9","resource.url":"https://feed.example/lxc.ipk",)"
               R"("resource.username":"","resource.password":""})");
 }
 
-TEST(DeploymentUnitRecordMessage, FullRecordInFileOrder) {
-    const pkg_info pkg = store_test::ordinary_package();
-    EXPECT_EQ(json_of([&](auto& m) { du_record_message(m, pkg, "System"); }),
+TEST(RecordMessages, DeploymentUnitWritesAbsentTextsOnlyWhenTheyAreAlwaysMembers) {
+    EXPECT_EQ(json_of([](auto& m) { du_record_message(m, store_test::ordinary_package(), "System"); }),
               R"({"name":"demo","uuid":"0d0e0a0d-0000-5000-8000-000000000001","version":"1.2.3",)"
               R"("vendor":"Example Ltd","resolved":true,"enabled":false,)"
               R"("description":"A \"demo\" package","files":"/usr/bin/demo;/etc/init.d/demo;",)"
@@ -50,9 +49,6 @@ TEST(DeploymentUnitRecordMessage, FullRecordInFileOrder) {
               R"("provides":"demo-api","size":-1294967296,"installedsize":4096,)"
               R"("time":"2024-03-05T07:08:09+01:00","pkgtype":0,"EE":"System","EU":[4,6],)"
               R"("URL":"http://feed.example:8080/pkgs/demo.ipk","PKG":"3"})");
-}
-
-TEST(DeploymentUnitRecordMessage, AbsentTextsAreLeftOutButAlwaysMembersStay) {
     pkg_info pkg;
     pkg.id = "12";
     pkg.du.index = 1;
@@ -60,7 +56,6 @@ TEST(DeploymentUnitRecordMessage, AbsentTextsAreLeftOutButAlwaysMembersStay) {
     EXPECT_EQ(json_of([&](auto& m) { du_record_message(m, pkg, "Main"); }),
               R"({"name":"","uuid":"","version":"","resolved":false,"enabled":false,"size":0,)"
               R"("installedsize":0,"time":"","pkgtype":0,"EE":"Main","EU":[],"URL":"","PKG":"12"})");
-
     // Present but empty texts are written: set is not the same as non-empty.
     pkg.du.name = "x";
     pkg.du.license = "";
@@ -69,7 +64,7 @@ TEST(DeploymentUnitRecordMessage, AbsentTextsAreLeftOutButAlwaysMembersStay) {
               R"("size":0,"installedsize":0,"time":"","pkgtype":0,"EE":"Main","EU":[],"URL":"","PKG":"12"})");
 }
 
-TEST(ExecutionUnitRecordMessage, OnePerUnitWithPackageAndEnvironment) {
+TEST(RecordMessages, UnitAndEnvironmentKeepTheirShapeVendorAndTypeOnlyWhenSet) {
     const pkg_info pkg = store_test::ordinary_package();
     EXPECT_EQ(json_of([&](auto& m) { eu_record_message(m, pkg, pkg.eu[1], "System"); }),
               R"({"euid":"EU-6","name":"demo-watch","EE":"System","PKG":"3"})");
@@ -77,18 +72,40 @@ TEST(ExecutionUnitRecordMessage, OnePerUnitWithPackageAndEnvironment) {
                   eu_record_message(m, pkg, eu_info{8, {}, {}}, "System");
               }),
               R"({"euid":"","name":"","EE":"System","PKG":"3"})");
-}
-
-TEST(ExecutionEnvironmentRecordMessage, VendorAndTypeOnlyWhenSet) {
-    pkg_info pkg = store_test::environment_package();
-    EXPECT_EQ(json_of([&](auto& m) { ee_record_message(m, pkg, *pkg.ee, "System"); }),
+    pkg_info env = store_test::environment_package();
+    EXPECT_EQ(json_of([&](auto& m) { ee_record_message(m, env, *env.ee, "System"); }),
               R"({"id":"5","name":"lxc-env","version":"2.0","vendor":"Example Ltd",)"
               R"("type":"Execution Environment/LXC","file":"lxc-env","EE":"System"})");
-    pkg.ee->vendor.reset();
-    pkg.ee->type.reset();
-    pkg.ee->name.reset();
-    EXPECT_EQ(json_of([&](auto& m) { ee_record_message(m, pkg, *pkg.ee, "System"); }),
+    env.ee->vendor.reset();
+    env.ee->type.reset();
+    env.ee->name.reset();
+    EXPECT_EQ(json_of([&](auto& m) { ee_record_message(m, env, *env.ee, "System"); }),
               R"({"id":"5","name":"","version":"2.0","file":"lxc-env","EE":"System"})");
+}
+
+TEST(PeerMessages, EventBodyWithAKeyAndCatalogMessagesOnlyForKnownKinds) {
+    EXPECT_EQ(json_of([](auto& m) { lcm_event_message(m, 9, "X", {}, "ignored"); }),
+              R"({"Header":{"Code":9,"Name":"X"}})");
+    // A key with an empty value still makes a body.
+    EXPECT_EQ(json_of([](auto& m) { lcm_event_message(m, 1, "Y", kLcmExecEnvIdKey, ""); }),
+              R"({"Header":{"Code":1,"Name":"Y"},"Body":{"ExecutionEnvironmentId":""}})");
+    for (int kind : {-1, 3, 100}) {
+        ubus::BlobBuf msg;
+        EXPECT_FALSE(catalog_update_message(msg, kind, 1, {}));
+        EXPECT_FALSE(catalog_delete_message(msg, kind, 1));
+        EXPECT_TRUE(msg.members().empty());
+    }
+}
+
+TEST(PeerMessages, OperateNamesTheScriptsOfTheUnitsOrTheEnvironment) {
+    pkg_info pkg = store_test::ordinary_package();
+    pkg.eu.push_back({8, "EU-8", std::nullopt});  // no script to name
+    EXPECT_EQ(json_of([&](auto& m) { operate_message(m, pkg, "start"); }),
+              R"({"Operation":"start","name":["demo","demo-watch"]})");
+    pkg_info env = store_test::environment_package();
+    env.eu.push_back({4, "EU-4", "ignored"});  // an environment package is started by its own script
+    EXPECT_EQ(json_of([&](auto& m) { operate_message(m, env, "start"); }),
+              R"({"Operation":"start","name":["lxc-env"]})");
 }
 
 }  // namespace

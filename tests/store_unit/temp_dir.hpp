@@ -1,4 +1,5 @@
-// A scratch directory for one test, removed with everything in it afterwards.
+// A scratch directory for one test, removed with everything in it afterwards; reading and writing
+// whole files in it.
 #pragma once
 
 #include <stdlib.h>
@@ -22,9 +23,7 @@ public:
     }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
-
     const std::filesystem::path& path() const { return path_; }
-    std::string str() const { return path_.string(); }
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
 private:

@@ -1,14 +1,19 @@
 #include "golden_session.hpp"
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
 namespace golden {
 
-std::string dir() { return PKGD_GOLDEN_DIR; }
+std::string dir() {
+    return PKGD_GOLDEN_DIR;
+}
 
-std::string path(std::string_view file) { return dir() + "/" + std::string(file); }
+std::string path(std::string_view file) {
+    return dir() + "/" + std::string(file);
+}
 
 namespace {
 std::vector<std::string> lines_of(std::string_view file) {
@@ -19,38 +24,33 @@ std::vector<std::string> lines_of(std::string_view file) {
     return out;
 }
 
-int nibble(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+unsigned nibble(char c) {
+    if (c >= '0' && c <= '9') return static_cast<unsigned>(c - '0');
+    if (c >= 'a' && c <= 'f') return static_cast<unsigned>(c - 'a' + 10);
+    if (c >= 'A' && c <= 'F') return static_cast<unsigned>(c - 'A' + 10);
     throw std::runtime_error(std::string("bad hex digit ") + c);
 }
 
+unsigned hex4(std::string_view s, std::size_t at) {
+    unsigned v = 0;
+    for (std::size_t k = 0; k < 4; ++k) v = v * 16 + nibble(s.at(at + k));
+    return v;
+}
+
 void put_utf8(std::string& out, unsigned cp) {
-    if (cp < 0x80) {
-        out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        out += static_cast<char>(0xc0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3f));
-    } else if (cp < 0x10000) {
-        out += static_cast<char>(0xe0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (cp & 0x3f));
-    } else {
-        out += static_cast<char>(0xf0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3f));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (cp & 0x3f));
-    }
+    const int extra = cp < 0x80 ? 0 : cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
+    static const unsigned lead[] = {0, 0xc0, 0xe0, 0xf0};
+    out += static_cast<char>(lead[extra] | (cp >> (6 * extra)));
+    for (int k = extra - 1; k >= 0; --k) out += static_cast<char>(0x80 | ((cp >> (6 * k)) & 0x3f));
 }
 }  // namespace
 
 std::vector<std::uint8_t> unhex(std::string_view h) {
-    std::vector<std::uint8_t> out;
     std::string digits;
     for (char c : h)
         if (c != ' ' && c != '|') digits += c;
     if (digits.size() % 2) throw std::runtime_error("odd hex length");
+    std::vector<std::uint8_t> out;
     for (std::size_t i = 0; i < digits.size(); i += 2)
         out.push_back(static_cast<std::uint8_t>(nibble(digits[i]) << 4 | nibble(digits[i + 1])));
     return out;
@@ -59,11 +59,7 @@ std::vector<std::uint8_t> unhex(std::string_view h) {
 std::string hex(const std::uint8_t* p, std::size_t n) {
     static const char* d = "0123456789abcdef";
     std::string s;
-    s.reserve(n * 2);
-    for (std::size_t i = 0; i < n; ++i) {
-        s += d[p[i] >> 4];
-        s += d[p[i] & 15];
-    }
+    for (std::size_t i = 0; i < n; ++i) (s += d[p[i] >> 4]) += d[p[i] & 15];
     return s;
 }
 
@@ -72,34 +68,28 @@ std::vector<Step> read_session(std::string_view file) {
     int no = 0;
     for (const std::string& l : lines_of(file)) {
         ++no;
-        if (l.empty() || l[0] == '#') continue;
+        if (l.starts_with('#')) continue;
         std::istringstream is(l);
         std::string a, b, c, d;
         is >> a >> b >> c >> d;
-        if (a == "@") {
+        if (a == "@")
             steps.push_back({c == "connect" ? Step::Connect : Step::Close, b, {}, false, no});
-        } else if (b == ">" || b == "<") {
+        else if (b == ">" || b == "<")
             steps.push_back({b == ">" ? Step::ToBroker : Step::FromBroker, a, unhex(c), d == "fd", no});
-        }
     }
     return steps;
 }
 
 std::vector<std::string> capture_ids(std::string_view file) {
+    // The header lists them as `#   object "demo" = 9a1af886, type 4403977e`, one line each.
     std::vector<std::string> ids;
     bool in_ids = false;
     for (const std::string& l : lines_of(file)) {
-        if (l.rfind("# ids in this capture", 0) == 0) {
-            in_ids = true;
-            continue;
-        }
-        if (!in_ids) continue;
-        if (l.rfind("#  ", 0) != 0) break;
-        // "#   object "demo" = 9a1af886, type 4403977e"
-        std::string word;
+        if (in_ids && l.rfind("#  ", 0) != 0) break;
+        in_ids = in_ids || l.rfind("# ids in this capture", 0) == 0;
         std::istringstream is(l);
-        while (is >> word) {
-            while (!word.empty() && (word.back() == ',')) word.pop_back();
+        for (std::string word; in_ids && is >> word;) {
+            if (word.back() == ',') word.pop_back();
             if (word.size() == 8 && word.find_first_not_of("0123456789abcdef") == std::string::npos)
                 ids.push_back(word);
         }
@@ -115,9 +105,7 @@ const std::string& Case::get(std::string_view key) const {
 }
 
 bool Case::has(std::string_view key) const {
-    for (auto& [k, v] : lines)
-        if (k == key) return true;
-    return false;
+    return std::ranges::any_of(lines, [&](const auto& kv) { return kv.first == key; });
 }
 
 std::vector<Case> read_cases(std::string_view file) {
@@ -127,47 +115,33 @@ std::vector<Case> read_cases(std::string_view file) {
         const auto sp = l.find(' ');
         std::string key = l.substr(0, sp);
         std::string rest = sp == std::string::npos ? "" : l.substr(sp + 1);
-        if (key == "case") {
+        if (key == "case")
             cases.push_back({rest, {}});
-        } else if (!cases.empty()) {
+        else if (!cases.empty())
             cases.back().lines.emplace_back(std::move(key), std::move(rest));
-        }
     }
     return cases;
 }
 
 std::string unquote(std::string_view s) {
-    std::string out;
     if (s.size() < 2 || s.front() != '"' || s.back() != '"') throw std::runtime_error("not a literal");
+    static const std::string_view plain = "nrtbf/\\\"", meant = "\n\r\t\b\f/\\\"";
+    std::string out;
     for (std::size_t i = 1; i + 1 < s.size(); ++i) {
-        char c = s[i];
-        if (c != '\\') {
-            out += c;
-            continue;
-        }
-        char e = s[++i];
-        switch (e) {
-        case 'n': out += '\n'; break;
-        case 't': out += '\t'; break;
-        case 'r': out += '\r'; break;
-        case 'b': out += '\b'; break;
-        case 'f': out += '\f'; break;
-        case '/': out += '/'; break;
-        case '\\': out += '\\'; break;
-        case '"': out += '"'; break;
-        case 'u': {
-            unsigned cp = 0;
-            for (int k = 0; k < 4; ++k) cp = cp * 16 + static_cast<unsigned>(nibble(s[++i]));
-            if (cp >= 0xd800 && cp < 0xdc00 && i + 6 < s.size() && s[i + 1] == '\\' && s[i + 2] == 'u') {
-                unsigned lo = 0;
-                for (int k = 0; k < 4; ++k) lo = lo * 16 + static_cast<unsigned>(nibble(s[i + 3 + k]));
-                cp = 0x10000 + ((cp - 0xd800) << 10) + (lo - 0xdc00);
+        if (s[i] != '\\') {
+            out += s[i];
+        } else if (const auto k = plain.find(s[++i]); k != std::string_view::npos) {
+            out += meant[k];
+        } else if (s[i] == 'u') {
+            unsigned cp = hex4(s, i + 1);
+            i += 4;
+            if (cp >= 0xd800 && cp < 0xdc00 && s.substr(i + 1, 2) == "\\u") {
+                cp = 0x10000 + ((cp - 0xd800) << 10) + (hex4(s, i + 3) - 0xdc00);
                 i += 6;
             }
             put_utf8(out, cp);
-            break;
-        }
-        default: throw std::runtime_error("bad escape");
+        } else {
+            throw std::runtime_error("bad escape");
         }
     }
     return out;

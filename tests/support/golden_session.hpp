@@ -1,4 +1,4 @@
-// Readers for the captured reference traffic in tests/golden/ubus/.
+// Readers for the captured reference traffic in tests/golden/ubus/ (its README explains the formats).
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,6 @@
 
 namespace golden {
 
-// Directory of the vendored captures (set by the build).
 std::string dir();
 std::string path(std::string_view file);
 
@@ -23,24 +22,21 @@ std::string hex(const Range& r) {
 struct Step {
     enum Kind { Connect, Close, ToBroker, FromBroker };
     Kind kind;
-    std::string label;               // "cli", "srv", ...
-    std::vector<std::uint8_t> bytes;  // whole message (ToBroker / FromBroker)
+    std::string label;                // "cli", "srv", ...
+    std::vector<std::uint8_t> bytes;  // the whole message (ToBroker / FromBroker)
     bool fd = false;                  // a descriptor travelled with it
-    int line = 0;                     // line number in the file, for messages
+    int line = 0;                     // line number in the file
 };
-
-// Parses `<label> <arrow> <hex> [fd]` and `@ <label> connect|close` lines; comments skipped.
 std::vector<Step> read_session(std::string_view file);
 
-// The ids listed in a capture's "ids in this capture" header, as written ("71ec55d8").
+// The ids of a capture's "ids in this capture" header, as written ("71ec55d8").
 std::vector<std::string> capture_ids(std::string_view file);
 
-// A `case` block of the blobmsg / JSON / CLI files: keyword -> rest of line, in order.
+// A `case` block of the blobmsg / JSON / CLI files: keyword and rest of line, in order.
 struct Case {
     std::string name;
     std::vector<std::pair<std::string, std::string>> lines;
-    // First value of a keyword, or "" (check has()).
-    const std::string& get(std::string_view key) const;
+    const std::string& get(std::string_view key) const;  // the first value, or ""
     bool has(std::string_view key) const;
 };
 std::vector<Case> read_cases(std::string_view file);

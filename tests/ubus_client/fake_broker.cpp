@@ -1,17 +1,15 @@
 #include "fake_broker.hpp"
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
 #include "golden_session.hpp"
+#include "pipe_text.hpp"
 #include "ubus/loop.hpp"
 
 namespace fake {
@@ -19,47 +17,29 @@ namespace fake {
 namespace {
 constexpr int kPatienceMs = 5000;  // only reached when the client misbehaves
 
-bool readable(int fd, int timeout_ms) {
+bool readable(int fd) {
     pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, timeout_ms) > 0;
-}
-
-std::string drain(int fd) {
-    std::string text;
-    char buf[256];
-    while (readable(fd, kPatienceMs)) {
-        const ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n <= 0) break;
-        text.append(buf, static_cast<std::size_t>(n));
-    }
-    return text;
+    return ::poll(&p, 1, kPatienceMs) > 0;
 }
 
 // Hex of a message, shortened for error messages.
 std::string shown(ubus::Bytes m) {
-    std::string h = golden::hex(m.first(std::min<std::size_t>(m.size(), 96)));
-    if (m.size() > 96) h += "... (" + std::to_string(m.size()) + " bytes)";
-    return h;
-}
-
-ubus::UniqueFd pipe_holding(const std::string& text) {
-    int p[2];
-    if (::pipe(p) != 0) return {};
-    ubus::UniqueFd rd(p[0]), wr(p[1]);
-    if (::write(wr.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) return {};
-    return rd;
+    return golden::hex(m.first(std::min<std::size_t>(m.size(), 96))) +
+           (m.size() > 96 ? "... (" + std::to_string(m.size()) + " bytes)" : "");
 }
 }  // namespace
 
-std::vector<Step> script_of(std::string_view capture, std::string_view label) {
-    std::vector<Step> steps;
-    for (golden::Step& s : golden::read_session(capture)) {
-        if (s.label != label) continue;
-        if (s.kind == golden::Step::FromBroker)
-            steps.push_back({Step::Send, std::move(s.bytes), s.fd, s.line});
-        if (s.kind == golden::Step::ToBroker)
-            steps.push_back({Step::Expect, std::move(s.bytes), s.fd, s.line});
-    }
+Steps operator+(Steps a, const Steps& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+Steps script_of(std::string_view capture, std::string_view label) {
+    Steps steps;
+    for (golden::Step& s : golden::read_session(capture))
+        if (s.label == label && (s.kind == golden::Step::FromBroker || s.kind == golden::Step::ToBroker))
+            steps.push_back({s.kind == golden::Step::FromBroker ? Step::Send : Step::Expect,
+                             std::move(s.bytes), s.fd, s.line});
     return steps;
 }
 
@@ -71,11 +51,7 @@ std::vector<std::uint8_t> msg(ubus::MsgType type, std::uint16_t seq, std::uint32
     return {f.begin(), f.end()};
 }
 
-Broker::Broker(std::vector<Step> script, std::string fd_text)
-    : script_(std::move(script)), fd_text_(std::move(fd_text)) {
-    char tmpl[] = "/tmp/ubus-client-test-XXXXXX";
-    dir_ = ::mkdtemp(tmpl) ? tmpl : "/tmp";
-    path_ = dir_ + "/ubus.sock";
+Broker::Broker(Steps script, std::string fd_text) : script_(std::move(script)), fd_text_(std::move(fd_text)) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     std::strncpy(addr.sun_path, path_.c_str(), sizeof(addr.sun_path) - 1);
@@ -86,12 +62,6 @@ Broker::Broker(std::vector<Step> script, std::string fd_text)
     thread_ = std::thread([this] { run(); });
 }
 
-Broker::~Broker() {
-    finish();
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-}
-
 std::vector<std::string> Broker::finish() {
     stop_ = true;
     hold_.release();
@@ -100,44 +70,45 @@ std::vector<std::string> Broker::finish() {
 }
 
 void Broker::run() {
-    if (!readable(listener_.get(), kPatienceMs)) {
-        errors_.push_back("no client connected");
-        done_ = true;
-        return;
-    }
-    ubus::UniqueFd conn(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    ubus::UniqueFd conn(readable(listener_.get()) ? ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)
+                                                  : -1);
+    if (!conn) errors_.push_back("no client connected");
     ubus::FrameReader reader;
     ubus::Frame frame;
-    for (const Step& step : script_) {
+    for (const Step& step : conn ? script_ : Steps{}) {
         if (step.kind == Step::Hold) {
             hold_.try_acquire_for(std::chrono::milliseconds(kPatienceMs));
         } else if (step.kind == Step::Close) {
             conn.reset();
         } else if (step.kind == Step::Send) {
-            ubus::UniqueFd passed = step.fd ? pipe_holding(fd_text_) : ubus::UniqueFd();
+            const ubus::UniqueFd passed = step.fd ? bus_test::pipe_holding(fd_text_) : ubus::UniqueFd();
             ubus::send_frame_blocking(conn.get(), step.bytes, passed.get());
         } else {
             auto r = reader.next(frame);
-            while (r == ubus::FrameReader::Result::NeedMore && readable(conn.get(), kPatienceMs) &&
+            while (r == ubus::FrameReader::Result::NeedMore && readable(conn.get()) &&
                    reader.read_from(conn.get()) == ubus::FrameReader::Result::NeedMore)
                 r = reader.next(frame);
             const std::string where = "line " + std::to_string(step.line) + ": ";
             if (r != ubus::FrameReader::Result::Frame) {
                 errors_.push_back(where + "expected " + shown(step.bytes) + ", got nothing");
-                conn.reset();  // the client is stuck or sent garbage: nothing later can match
-                break;
+                conn.reset();
+                break;  // the client is stuck or sent garbage: nothing later can match
             }
             if (golden::hex(frame.bytes) != golden::hex(step.bytes))
                 errors_.push_back(where + "expected " + shown(step.bytes) + "\n  got      " +
                                   shown(frame.bytes));
             if (step.fd != static_cast<bool>(frame.fd))
                 errors_.push_back(where + (step.fd ? "no descriptor came along" : "unexpected descriptor"));
-            if (frame.fd) fd_texts.push_back(drain(frame.fd.get()));
+            if (frame.fd) fd_texts.push_back(bus_test::read_all(frame.fd.get()));
         }
     }
     done_ = true;
     // Keep the connection open until the test is finished with it.
     while (!stop_) hold_.try_acquire_for(std::chrono::milliseconds(50));
+}
+
+Session::Session(Steps script, std::string fd_text) : broker(std::move(script), std::move(fd_text)) {
+    EXPECT_EQ(bus.connect(broker.path()), ubus::kOk);
 }
 
 void pump(ubus::Connection& c, const Broker& b) {

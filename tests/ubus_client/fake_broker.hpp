@@ -1,7 +1,7 @@
 // A scripted stand-in for the broker: it accepts one client on a temporary socket and plays a
 // script on that connection, in its own thread. Send steps are written as given; Expect steps read
-// one message from the client and compare it byte for byte. A script can come from a capture
-// (the broker's lines are sent, the client's lines expected) or be built with msg().
+// one message from the client and compare it byte for byte. A script can come from a capture (the
+// broker's lines are sent, the client's lines expected) or be built with msg().
 #pragma once
 
 #include <atomic>
@@ -9,10 +9,10 @@
 #include <functional>
 #include <semaphore>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
+#include "child_process.hpp"
 #include "ubus/client.hpp"
 
 namespace fake {
@@ -26,9 +26,11 @@ struct Step {
     bool fd = false;  // Send: attach a pipe holding the broker's fd text; Expect: one must come along
     int line = 0;     // capture line, for messages
 };
+using Steps = std::vector<Step>;
+Steps operator+(Steps a, const Steps& b);
 
 // The steps of one connection (`label`) of a capture.
-std::vector<Step> script_of(std::string_view capture, std::string_view label);
+Steps script_of(std::string_view capture, std::string_view label);
 
 // A whole message built in place.
 std::vector<std::uint8_t> msg(ubus::MsgType type, std::uint16_t seq, std::uint32_t peer,
@@ -36,8 +38,8 @@ std::vector<std::uint8_t> msg(ubus::MsgType type, std::uint16_t seq, std::uint32
 
 class Broker {
 public:
-    explicit Broker(std::vector<Step> script, std::string fd_text = "from-owner");
-    ~Broker();
+    explicit Broker(Steps script, std::string fd_text = "from-owner");
+    ~Broker() { finish(); }
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
 
@@ -45,21 +47,28 @@ public:
     void release() { hold_.release(); }  // lets one Hold step go on
     bool done() const { return done_; }
     // Waits for the script to end; returns what went wrong (empty when the client did as
-    // expected) and keeps the text read from each descriptor the client passed in fd_texts.
+    // expected). The text read from each descriptor the client passed is kept in fd_texts.
     std::vector<std::string> finish();
     std::vector<std::string> fd_texts;
 
 private:
     void run();
-    std::vector<Step> script_;
+    Steps script_;
     std::string fd_text_;
-    std::string dir_, path_;
+    bus_test::TempDir dir_;
+    std::string path_ = dir_.path() + "/ubus.sock";
     ubus::UniqueFd listener_;
     std::vector<std::string> errors_;
     std::counting_semaphore<16> hold_{0};
-    std::atomic<bool> done_{false};
-    std::atomic<bool> stop_{false};
+    std::atomic<bool> done_{false}, stop_{false};
     std::thread thread_;
+};
+
+// A fake broker and a client connected to it.
+struct Session {
+    explicit Session(Steps script, std::string fd_text = "from-owner");
+    Broker broker;
+    ubus::Connection bus;
 };
 
 // Drives a connection until the broker's script has ended (bounded): by hand, or by running the

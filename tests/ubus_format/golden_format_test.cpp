@@ -1,7 +1,8 @@
-// The message format against the vendored captures: building, validity, policy parsing,
-// JSON loading and JSON formatting, byte for byte.
+// The message format against the vendored captures: building, validity, policy parsing, JSON
+// loading and JSON formatting, byte for byte.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -16,25 +17,18 @@ using ubus::Attr;
 using ubus::BlobBuf;
 using ubus::Bytes;
 
-// Splits a case line into words, keeping a quoted string literal (which may hold spaces and
-// escaped quotes) as one word.
-std::vector<std::string> words(std::string_view s) {
+// Splits a case line into words; a quoted string literal (which may hold spaces and escaped
+// quotes) stays one word.
+std::vector<std::string> words(const std::string& s) {
     std::vector<std::string> out;
-    std::size_t i = 0;
-    while (i < s.size()) {
-        if (s[i] == ' ') {
-            ++i;
-            continue;
-        }
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        if (s[i] == ' ') continue;
+        const bool quoted = s[i] == '"';
         std::size_t j = i;
-        if (s[i] == '"') {
-            for (++j; j < s.size() && s[j] != '"'; ++j)
-                if (s[j] == '\\') ++j;
-            ++j;
-        } else {
-            while (j < s.size() && s[j] != ' ') ++j;
-        }
-        out.emplace_back(s.substr(i, j - i));
+        while (++j < s.size() && s[j] != (quoted ? '"' : ' '))
+            if (quoted && s[j] == '\\') ++j;
+        j += quoted;  // the closing quote
+        out.push_back(s.substr(i, j - i));
         i = j;
     }
     return out;
@@ -46,41 +40,26 @@ std::vector<golden::Case> cases(std::string_view file) {
     return c;
 }
 
-void add_value(BlobBuf& b, const std::vector<std::string>& w) {
-    const std::string name = golden::unquote(w.at(1));
-    const std::string& type = w.at(0);
-    if (type == "int8")
-        b.add_u8(name, static_cast<std::uint8_t>(std::stoi(w.at(2))));
-    else if (type == "int16")
-        b.add_i16(name, static_cast<std::int16_t>(std::stoi(w.at(2))));
-    else if (type == "int32")
-        b.add_i32(name, static_cast<std::int32_t>(std::stoll(w.at(2))));
-    else if (type == "int64")
-        b.add_i64(name, std::stoll(w.at(2)));
-    else if (type == "double")
-        b.add_double(name, std::stod(w.at(2)));
-    else if (type == "string")
-        b.add_string(name, golden::unquote(w.at(2)));
-    else if (type == "unspec")
-        b.add_unspec(name);
-    else
-        ADD_FAILURE() << "unknown type " << type;
-}
-
 BlobBuf build(const golden::Case& c) {
     BlobBuf b;
     std::vector<std::size_t> open;
     for (const auto& [key, rest] : c.lines) {
         const auto w = words(rest);
-        if (key == "add") {
-            add_value(b, w);
-        } else if (key == "open") {
-            const std::string name = golden::unquote(w.at(1));
-            open.push_back(w.at(0) == "table" ? b.open_table(name) : b.open_array(name));
-        } else if (key == "close") {
+        const std::string name = w.size() > 1 ? golden::unquote(w[1]) : "";
+        const std::string& type = w.empty() ? key : w[0];
+        if (key == "open") open.push_back(type == "table" ? b.open_table(name) : b.open_array(name));
+        if (key == "close") {
             b.close(open.back());
             open.pop_back();
         }
+        if (key != "add") continue;
+        if (type == "int8") b.add_u8(name, static_cast<std::uint8_t>(std::stoi(w.at(2))));
+        if (type == "int16") b.add_i16(name, static_cast<std::int16_t>(std::stoi(w.at(2))));
+        if (type == "int32") b.add_i32(name, static_cast<std::int32_t>(std::stoll(w.at(2))));
+        if (type == "int64") b.add_i64(name, std::stoll(w.at(2)));
+        if (type == "double") b.add_double(name, std::stod(w.at(2)));
+        if (type == "string") b.add_string(name, golden::unquote(w.at(2)));
+        if (type == "unspec") b.add_unspec(name);
     }
     EXPECT_TRUE(open.empty());
     return b;
@@ -89,16 +68,13 @@ BlobBuf build(const golden::Case& c) {
 // Compares the compact and indented output for a whole buffer (root header included).
 void expect_json(const golden::Case& c, Bytes buffer) {
     const Attr root = Attr::at(buffer);
-    std::string compact;
+    std::string compact, indented;
     ubus::json_format_list(compact, root);
-    if (c.has("compact_hex"))
-        EXPECT_EQ(golden::hex(reinterpret_cast<const std::uint8_t*>(compact.data()), compact.size()),
-                  c.get("compact_hex"));
-    else
-        EXPECT_EQ(compact, c.get("compact"));
-
-    std::string indented;
     ubus::json_format_list(indented, root, ubus::JsonFormat::indented());
+    EXPECT_EQ(c.has("compact_hex")
+                  ? golden::hex(reinterpret_cast<const std::uint8_t*>(compact.data()), compact.size())
+                  : compact,
+              c.get(c.has("compact_hex") ? "compact_hex" : "compact"));
     EXPECT_EQ(indented, golden::unquote(c.get("indent")));
 }
 
@@ -118,14 +94,14 @@ TEST(GoldenBlobmsg, ValidityOfSingleAttributesAndFormattingOfBadMembers) {
         SCOPED_TRACE(c.name);
         // An exactly sized copy, so a read past the attribute is caught by the sanitizers.
         const auto bytes = golden::unhex(c.get("hex"));
-        if (c.has("valid_in_array")) {
-            const Attr a = Attr::at(bytes);
-            EXPECT_EQ(a.valid(false), c.get("valid_in_array") == "1");
-            EXPECT_EQ(a.valid(true), c.get("valid_in_table") == "1");
-            ++checked;
-        } else {
+        if (!c.has("valid_in_array")) {
             expect_json(c, bytes);
+            continue;
         }
+        const Attr a = Attr::at(bytes);
+        EXPECT_EQ(a.valid(false), c.get("valid_in_array") == "1");
+        EXPECT_EQ(a.valid(true), c.get("valid_in_table") == "1");
+        ++checked;
     }
     EXPECT_GT(checked, 20);
 }
@@ -134,51 +110,42 @@ TEST(GoldenBlobmsg, PolicyParsing) {
     for (const auto& c : cases("blobmsg_parse.txt")) {
         SCOPED_TRACE(c.name);
         const auto bytes = golden::unhex(c.get("hex"));
-        std::vector<std::string> names;
-        std::vector<ubus::Type> types;
-        for (const auto& entry : words(c.get("policy"))) {
-            const auto colon = entry.rfind(':');
-            names.push_back(entry.substr(0, colon));
-            types.push_back(static_cast<ubus::Type>(std::stoi(entry.substr(colon + 1))));
-        }
+        std::vector<std::string> names;  // the policy keeps views of them
         std::vector<ubus::Policy> policy;
-        for (std::size_t i = 0; i < names.size(); ++i) policy.push_back({names[i], types[i]});
+        for (const auto& entry : words(c.get("policy"))) names.push_back(entry.substr(0, entry.rfind(':')));
+        for (const auto& entry : words(c.get("policy")))
+            policy.push_back({names[policy.size()],
+                              static_cast<ubus::Type>(std::stoi(entry.substr(entry.rfind(':') + 1)))});
         std::vector<Attr> out(policy.size());
-
         EXPECT_EQ(ubus::parse(policy, bytes, out), std::stoi(c.get("ret")));
 
-        std::size_t i = 0;
-        for (const auto& [key, rest] : c.lines) {
-            if (key != "result") continue;
-            ASSERT_LT(i, out.size());
-            const auto w = words(rest);
-            EXPECT_EQ(w.at(0), names[i].empty() ? "\"\"" : names[i]);
-            const std::string got =
-                out[i] ? "@" + std::to_string(out[i].ptr() - bytes.data()) : std::string("absent");
-            EXPECT_EQ(got, w.at(1)) << "entry " << i;
-            ++i;
+        std::vector<std::string> got, expected;
+        for (std::size_t i = 0; i < out.size(); ++i)
+            got.push_back((names[i].empty() ? "\"\"" : names[i]) + " " +
+                          (out[i] ? "@" + std::to_string(out[i].ptr() - bytes.data()) : "absent"));
+        for (const auto& [key, rest] : c.lines)
+            if (key == "result") expected.push_back(rest);
+        EXPECT_EQ(got, expected);
+    }
+}
+
+TEST(GoldenJson, LoadingTextAndFilesAndFormattingThemBack) {
+    using Load = bool (*)(BlobBuf&, const golden::Case&);
+    const Load text = [](BlobBuf& b, const golden::Case& c) {
+        return ubus::json_load(b, golden::unquote(c.get("json")));
+    };
+    const Load file = [](BlobBuf& b, const golden::Case& c) {
+        return ubus::json_load_file(b, golden::path(c.get("file")));
+    };
+    for (const auto& [capture, load] :
+         {std::pair{"json_to_blobmsg.txt", text}, std::pair{"json_file_load.txt", file}}) {
+        for (const auto& c : cases(capture)) {
+            SCOPED_TRACE(c.name);
+            BlobBuf b;
+            EXPECT_EQ(load(b, c), c.get("ok") == "1");
+            EXPECT_EQ(golden::hex(b.root_bytes()), c.get("hex"));
+            expect_json(c, b.root_bytes());
         }
-        EXPECT_EQ(i, out.size());
-    }
-}
-
-TEST(GoldenJson, LoadingTextAndFormattingItBack) {
-    for (const auto& c : cases("json_to_blobmsg.txt")) {
-        SCOPED_TRACE(c.name);
-        BlobBuf b;
-        EXPECT_EQ(ubus::json_load(b, golden::unquote(c.get("json"))), c.get("ok") == "1");
-        EXPECT_EQ(golden::hex(b.root_bytes()), c.get("hex"));
-        expect_json(c, b.root_bytes());
-    }
-}
-
-TEST(GoldenJson, LoadingFiles) {
-    for (const auto& c : cases("json_file_load.txt")) {
-        SCOPED_TRACE(c.name);
-        BlobBuf b;
-        EXPECT_EQ(ubus::json_load_file(b, golden::path(c.get("file"))), c.get("ok") == "1");
-        EXPECT_EQ(golden::hex(b.root_bytes()), c.get("hex"));
-        expect_json(c, b.root_bytes());
     }
 }
 
@@ -192,13 +159,10 @@ TEST(GoldenJson, ElementFormWithHookPrintsListVerboseLines) {
         if (step.kind != golden::Step::FromBroker || step.label != "cli") continue;
         reader.feed(step.bytes);
         ASSERT_EQ(reader.next(frame), ubus::FrameReader::Result::Frame);
-        if (frame.hdr.type == ubus::MsgType::Data) {
-            signature = frame.attrs()[ubus::kAttrSignature].payload();
-            break;
-        }
+        if (frame.hdr.type != ubus::MsgType::Data) continue;
+        signature = frame.attrs()[ubus::kAttrSignature].payload();
+        break;
     }
-    ASSERT_FALSE(signature.empty());
-
     ubus::JsonFormat f;
     f.element_hook = ubus::json_type_name_hook;
     std::string lines;
@@ -207,12 +171,13 @@ TEST(GoldenJson, ElementFormWithHookPrintsListVerboseLines) {
         ubus::json_format_element(lines, method, f);
         lines += '\n';
     }
-
-    std::string expected;
-    for (const auto& c : cases("cli_transcripts.txt"))
-        if (c.name == "list_verbose") expected = golden::unquote(c.get("stdout"));
-    ASSERT_NE(expected.find('\n'), std::string::npos);
-    EXPECT_EQ(lines, expected.substr(expected.find('\n') + 1));
+    const auto cli = cases("cli_transcripts.txt");
+    const auto listing =
+        std::find_if(cli.begin(), cli.end(), [](const auto& c) { return c.name == "list_verbose"; });
+    ASSERT_NE(listing, cli.end());
+    const std::string out = golden::unquote(listing->get("stdout"));
+    EXPECT_EQ(lines, out.substr(out.find('\n') + 1));
+    EXPECT_FALSE(signature.empty());
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include "ubusd/out_queue.hpp"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,6 +13,8 @@
 
 namespace ubusd {
 namespace {
+
+using Result = OutQueue::Result;
 
 struct SocketPair {
     ubus::UniqueFd near, far;
@@ -27,75 +28,63 @@ struct SocketPair {
     }
 };
 
-// Message `seq` with a 1000-byte body, handed over in two pieces split inside the header.
+// Message `seq` with a 1000-byte body.
 ubus::MsgBuf message(std::uint16_t seq) {
     ubus::MsgBuf m(ubus::MsgType::Data, seq, 0);
     m.put_raw(ubus::kAttrData, std::vector<std::uint8_t>(992, static_cast<std::uint8_t>(seq)));
     return m;
 }
 
-OutQueue::Result send(OutQueue& q, int sock, std::uint16_t seq, ubus::UniqueFd fd = {}) {
+// Hands message `seq` over in two pieces split inside the header.
+Result send(OutQueue& q, int sock, std::uint16_t seq, ubus::UniqueFd fd = {}) {
     ubus::MsgBuf m = message(seq);
-    const ubus::Bytes f = m.frame();
-    const iovec parts[] = {{const_cast<std::uint8_t*>(f.data()), 5},
-                           {const_cast<std::uint8_t*>(f.data()) + 5, f.size() - 5}};
+    const ubus::Bytes frame = m.frame();
+    auto* f = const_cast<std::uint8_t*>(frame.data());
+    const iovec parts[] = {{f, 5}, {f + 5, frame.size() - 5}};
     return q.send(sock, parts, std::move(fd));
 }
 
-// Reads the way the gateway's client library does: exactly the 12 header bytes, then exactly the
-// rest of the body. A descriptor counts for a message only if it comes with the header's read.
-class StrictReader {
-public:
-    struct Message {
-        std::uint16_t seq;
-        bool fd;
-    };
-    // Takes what the socket has; false once it has nothing more right now.
-    bool step(int sock, std::vector<Message>& out) {
-        const std::size_t want = buf_.size() < 12 ? 12 - buf_.size() : body_end() - buf_.size();
-        std::vector<std::uint8_t> chunk(want);
-        iovec iov{chunk.data(), want};
-        alignas(cmsghdr) char ctrl[CMSG_SPACE(sizeof(int))];
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = ctrl;
-        msg.msg_controllen = sizeof(ctrl);
-        const ssize_t n = ::recvmsg(sock, &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-        if (n <= 0) return false;
-        if (cmsghdr* c = CMSG_FIRSTHDR(&msg); c && c->cmsg_type == SCM_RIGHTS) {
-            int fd;
-            std::memcpy(&fd, CMSG_DATA(c), sizeof(fd));
-            ::close(fd);
-            EXPECT_TRUE(buf_.empty()) << "a descriptor arrived inside a message";
-            fd_ = true;
-        }
-        buf_.insert(buf_.end(), chunk.begin(), chunk.begin() + n);
-        if (buf_.size() >= 12 && buf_.size() == body_end()) {
-            EXPECT_TRUE(std::ranges::equal(buf_, message(ubus::wire::get16(&buf_[2])).frame()));
-            out.push_back({ubus::wire::get16(&buf_[2]), fd_});
-            buf_.clear();
-            fd_ = false;
-        }
-        return true;
-    }
+std::size_t frame_len(const std::vector<std::uint8_t>& header) {
+    return 8 + (ubus::wire::get32(&header[8]) & 0xffffff);
+}
 
-private:
-    std::size_t body_end() const { return 8 + (ubus::wire::get32(&buf_[8]) & 0xffffff); }
-    std::vector<std::uint8_t> buf_;
-    bool fd_ = false;
-};
-
-// Everything the far end gets while the queue is flushed.
-std::vector<StrictReader::Message> drain(OutQueue& q, SocketPair& s) {
-    std::vector<StrictReader::Message> got;
-    StrictReader reader;
-    for (;;) {
-        const OutQueue::Result r = q.flush(s.near.get());
-        EXPECT_NE(r, OutQueue::Result::Failed);
-        bool progress = false;
-        while (reader.step(s.far.get(), got)) progress = true;
-        if (!progress && r == OutQueue::Result::Done) break;
+// Flushes the queue into the socket and reads from the far end the way the gateway's client
+// library does: exactly the 12 header bytes, then exactly the rest. A descriptor counts for a
+// message only if it comes with the header's read. Returns the seq of each message, "+fd" marked.
+std::vector<std::string> drain(OutQueue& q, SocketPair& s) {
+    std::vector<std::string> got;
+    std::vector<std::uint8_t> buf;
+    bool with_fd = false;
+    for (bool progress = true; progress;) {
+        const Result r = q.flush(s.near.get());
+        EXPECT_NE(r, Result::Failed);
+        progress = r == Result::Queued;  // (a broken socket ends it too)
+        for (;;) {
+            std::vector<std::uint8_t> chunk(buf.size() < 12 ? 12 - buf.size() : frame_len(buf) - buf.size());
+            iovec iov{chunk.data(), chunk.size()};
+            alignas(cmsghdr) char ctrl[CMSG_SPACE(sizeof(int))];
+            msghdr msg{};
+            msg.msg_iov = &iov;
+            msg.msg_iovlen = 1;
+            msg.msg_control = ctrl;
+            msg.msg_controllen = sizeof(ctrl);
+            const ssize_t n = ::recvmsg(s.far.get(), &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+            if (n <= 0) break;
+            progress = true;
+            if (cmsghdr* c = CMSG_FIRSTHDR(&msg); c && c->cmsg_type == SCM_RIGHTS) {
+                int fd;
+                std::memcpy(&fd, CMSG_DATA(c), sizeof(fd));
+                ::close(fd);
+                EXPECT_TRUE(buf.empty()) << "a descriptor arrived inside a message";
+                with_fd = true;
+            }
+            buf.insert(buf.end(), chunk.begin(), chunk.begin() + n);
+            if (buf.size() < 12 || buf.size() != frame_len(buf)) continue;
+            const std::uint16_t seq = ubus::wire::get16(&buf[2]);
+            EXPECT_TRUE(std::ranges::equal(buf, message(seq).frame())) << "message " << seq;
+            got.push_back(std::to_string(seq) + (std::exchange(with_fd, false) ? "+fd" : ""));
+            buf.clear();
+        }
     }
     return got;
 }
@@ -104,24 +93,19 @@ TEST(OutQueue, QueuedMessagesKeepTheirOrderAndTheirDescriptors) {
     SocketPair s;
     OutQueue q;
     std::uint16_t seq = 1;
-    while (send(q, s.near.get(), seq, {}) == OutQueue::Result::Done) ++seq;
-    // The socket is full and message `seq` partly waits; now descriptors behind it.
-    const std::uint16_t first_queued = seq;
+    while (send(q, s.near.get(), seq) == Result::Done) ++seq;
+    // The socket is full and message `seq` partly waits; now messages with descriptors behind it.
+    std::vector<std::string> expected;
+    for (std::uint16_t i = 1; i <= seq; ++i) expected.push_back(std::to_string(i));
     int p[2];
     ASSERT_EQ(::pipe(p), 0);
     ::close(p[1]);
-    EXPECT_EQ(send(q, s.near.get(), ++seq, ubus::UniqueFd(::dup(p[0]))), OutQueue::Result::Queued);
-    EXPECT_EQ(send(q, s.near.get(), ++seq), OutQueue::Result::Queued);
-    EXPECT_EQ(send(q, s.near.get(), ++seq, ubus::UniqueFd(p[0])), OutQueue::Result::Queued);
-    EXPECT_EQ(send(q, s.near.get(), ++seq), OutQueue::Result::Queued);
-
-    const auto got = drain(q, s);
-    ASSERT_EQ(got.size(), seq);
-    for (std::uint16_t i = 0; i < seq; ++i) {
-        EXPECT_EQ(got[i].seq, i + 1);
-        const bool with_fd = got[i].seq == first_queued + 1 || got[i].seq == first_queued + 3;
-        EXPECT_EQ(got[i].fd, with_fd) << "message " << got[i].seq;
+    for (bool fd : {true, false, true, false}) {
+        EXPECT_EQ(send(q, s.near.get(), ++seq, ubus::UniqueFd(fd ? ::dup(p[0]) : -1)), Result::Queued);
+        expected.push_back(std::to_string(seq) + (fd ? "+fd" : ""));
     }
+    ::close(p[0]);
+    EXPECT_EQ(drain(q, s), expected);
     EXPECT_TRUE(q.empty());
 }
 
@@ -130,23 +114,20 @@ TEST(OutQueue, MessagesBeyondTheLimitAreDroppedWholeWithTheirDescriptors) {
     SocketPair s;
     OutQueue q(8 * 1024);
     std::uint16_t seq = 1;
-    while (send(q, s.near.get(), seq, {}) == OutQueue::Result::Done) ++seq;
-    while (q.size() + 1000 <= 8 * 1024) ASSERT_EQ(send(q, s.near.get(), ++seq), OutQueue::Result::Queued);
-    const std::uint16_t last_kept = seq;
+    while (send(q, s.near.get(), seq) == Result::Done) ++seq;
+    while (q.size() + 1000 <= 8 * 1024) ASSERT_EQ(send(q, s.near.get(), ++seq), Result::Queued);
     int p[2];
     ASSERT_EQ(::pipe(p), 0);
-    EXPECT_EQ(send(q, s.near.get(), 999, ubus::UniqueFd(p[0])), OutQueue::Result::Dropped);
+    EXPECT_EQ(send(q, s.near.get(), 999, ubus::UniqueFd(p[0])), Result::Dropped);
     EXPECT_EQ(::write(p[1], "x", 1), -1) << "the dropped message's descriptor was left open";
     ::close(p[1]);
 
     const auto got = drain(q, s);
     ASSERT_FALSE(got.empty());
-    EXPECT_EQ(got.back().seq, last_kept);
-    // With room again, messages go straight out.
-    EXPECT_EQ(send(q, s.near.get(), 1000), OutQueue::Result::Done);
-
+    EXPECT_EQ(got.back(), std::to_string(seq));
+    EXPECT_EQ(send(q, s.near.get(), 1000), Result::Done) << "with room again, messages go straight out";
     s.far.reset();
-    EXPECT_EQ(send(q, s.near.get(), 1001), OutQueue::Result::Failed);
+    EXPECT_EQ(send(q, s.near.get(), 1001), Result::Failed);
 }
 
 }  // namespace

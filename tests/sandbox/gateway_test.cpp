@@ -1,0 +1,177 @@
+// Bringing a gateway up and down: its layout and userland, what a process inside may touch, its
+// PID namespace and syslog, what a killed launcher leaves behind, start-up failures, and the
+// unprivileged (user namespace) path.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "gateway_client.hpp"
+
+namespace sandbox {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using gwtest::read_text;
+
+// Polls until no host process is left in the namespace; the survivors otherwise.
+std::vector<pid_t> survivors(const char* kind, const std::string& id) {
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    auto left = processes_in_namespace(kind, id);
+    for (; !left.empty() && std::chrono::steady_clock::now() < deadline;
+         left = processes_in_namespace(kind, id))
+        std::this_thread::sleep_for(20ms);
+    return left;
+}
+
+constexpr std::string_view kEnvironment = "Services.Management.LCM.ExecutionEnvironments.System";
+
+GatewayOptions with_pkgd() {
+    GatewayOptions options = gwtest::named_gateway();
+    options.pkgd = true;
+    return options;
+}
+
+TEST(Gateway, RootHasTheLayoutAUserlandAndWhatWasPrepared) {
+    GatewayOptions options = gwtest::named_gateway();
+    options.prepare = [](const fs::path& root) {
+        std::ofstream(root / "etc/passwd") << "root:x:0:0:root:/root:/bin/sh\nsvc:x:100:100::/:/bin/false\n";
+        gwtest::write_script(root / "etc/init.d/demo", R"sh(echo "demo $1 as $(id -un)")sh");
+    };
+    Gateway gw(options);  // the launcher completes the root again: what is there must stay
+    ASSERT_TRUE(gw.up()) << gw.error();
+    CommandResult layout = gw.sh(
+        "for d in /usr/local/package/pkg /usr/local/package/du /usr/local/package/eu /usr/local/package/ee "
+        "/usr/lib/opkg/info /usr/lib/opkg/lists /etc/opkg /etc/init.d /var/run/ubus /var/log /tmp; do "
+        "  test -d $d || echo missing $d; done; "
+        "for n in null zero random urandom; do test -c /dev/$n || echo no device $n; done; "
+        "echo discarded > /dev/null || echo /dev/null not writable; "
+        "for t in sh tar rm ls cat mkdir sleep ps kill echo test; do "
+        "  command -v $t > /dev/null || echo no $t; done");
+    EXPECT_TRUE(layout.ok()) << layout.err;
+    EXPECT_EQ(layout.out, "");
+    // A dynamically linked program of the build runs after the chroot: the host's libraries are seen.
+    CommandResult broker = gw.run({"/opt/pkgd/bin/ubusd", "-h"});
+    EXPECT_TRUE(broker.ok()) << broker.err;
+    EXPECT_EQ(gw.run({"/etc/init.d/demo", "start"}).out, "demo start as root\n");
+    EXPECT_NE(read_text(gw.path("/etc/passwd")).find("svc:x:100"), std::string::npos);
+}
+
+TEST(Gateway, HostFilesAreSeenReadOnlyAndWritesLandInTheRootAndItsSyslog) {
+    Gateway gw(gwtest::named_gateway());
+    ASSERT_TRUE(gw.up()) << gw.error();
+    const std::string name = "sandbox-probe-" + std::to_string(::getpid());
+    for (const std::string dir :
+         {"/usr/lib/x86_64-linux-gnu", "/usr/lib", "/usr/lib64", "/usr/share/zoneinfo"}) {
+        if (!fs::is_directory(dir)) continue;
+        CommandResult touch = gw.run({"touch", dir + "/" + name});
+        EXPECT_NE(touch.err.find("Read-only file system"), std::string::npos) << dir << ": " << touch.err;
+        EXPECT_FALSE(fs::exists(dir + "/" + name)) << dir;
+    }
+    EXPECT_NE(gw.sh("echo garbage > /etc/ld.so.cache").exit_code, 0);
+    // Seen through, not copied: the root's view of a host library is the host's file.
+    EXPECT_TRUE(gw.run({"ls", "/usr/lib/x86_64-linux-gnu/libc.so.6"}).ok());
+
+    // /usr/lib/opkg stays the root's own, writable, although /usr/lib as a whole shows the host's.
+    CommandResult write = gw.sh("echo opkg > /usr/lib/opkg/info/" + name + " && echo tmp > /tmp/" + name +
+                                " && logger -t probe -p daemon.warning 'first record'" +
+                                " && logger -t probe -p local7.debug 'second record'");
+    ASSERT_TRUE(write.ok()) << write.err;
+    EXPECT_EQ(read_text(gw.path("/usr/lib/opkg/info/" + name)), "opkg\n");
+    EXPECT_EQ(read_text(gw.path("/tmp/" + name)), "tmp\n");
+    EXPECT_FALSE(fs::exists("/tmp/" + name));
+    EXPECT_FALSE(fs::exists("/usr/lib/opkg/info/" + name));
+    // Each record becomes one line with its priority.
+    ASSERT_TRUE(gw.wait_syslog("second record")) << read_text(gw.path("/var/log/messages"));
+    const auto lines = gw.syslog_lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_TRUE(lines[0].starts_with("daemon.warning ") &&
+                lines[0].find("probe: first record") != std::string::npos)
+        << lines[0];
+    EXPECT_TRUE(lines[1].starts_with("local7.debug ")) << lines[1];
+}
+
+TEST(Gateway, KillingTheLauncherLeavesNoProcessAndNoMountBehind) {
+    Gateway gw(with_pkgd());
+    ASSERT_TRUE(gw.up()) << gw.error();
+    // A daemon of its own session that shrugs off the usual stop signals and whose parent is gone.
+    ASSERT_TRUE(gw.sh("setsid sh -c 'trap \"\" TERM HUP INT; while :; do sleep 1; done' "
+                      "</dev/null >/dev/null 2>&1 &")
+                    .ok());
+    InsideProcess sleeper = gw.spawn({"sleep", "300"});
+    ASSERT_TRUE(sleeper.started()) << sleeper.error();
+    // Seen from a chrooted shell through the root's own /proc, in the gateway's PID namespace.
+    const std::string pid = std::to_string(sleeper.pid());
+    EXPECT_EQ(gw.sh("test " + pid + " -lt 100 && cat /proc/" + pid + "/cmdline | tr '\\0' ' '").out,
+              "sleep 300 ");
+    // PID 1, the broker, pkgd, the daemon's shell and its sleep, the sleeper.
+    ASSERT_GE(processes_in_namespace("pid", gw.pid_namespace()).size(), 5u);
+    // The root's /proc is a mount of the gateway's namespace only: empty as seen from the host.
+    EXPECT_TRUE(fs::is_empty(gw.path("/proc")));
+    EXPECT_FALSE(host_has_mounts_below(gw.root()));
+
+    gw.signal_launcher(SIGKILL);
+    EXPECT_EQ(gw.wait_launcher_exit(10s), 128 + SIGKILL);
+    EXPECT_EQ(survivors("pid", gw.pid_namespace()), std::vector<pid_t>{});
+    // No process keeps the mount namespace, so every mount made in it is gone.
+    EXPECT_EQ(survivors("mnt", gw.mount_namespace()), std::vector<pid_t>{});
+    EXPECT_FALSE(host_has_mounts_below(gw.root()));
+    // The helper that started the sleeper on the host notices that its program died.
+    EXPECT_EQ(sleeper.wait(10s), 128 + SIGKILL);
+}
+
+TEST(Gateway, OrderlyStopEndsPkgdAndEverythingElse) {
+    Gateway gw(with_pkgd());
+    ASSERT_TRUE(gw.up()) << gw.error();
+    ASSERT_TRUE(gwtest::Client(gw).wait_for_object(kEnvironment));  // serving: SIGTERM is handled
+    const std::string pid_ns = gw.pid_namespace();
+    EXPECT_EQ(gw.shut_down(), 0);
+    // pkgd got SIGTERM and ended by itself (with 0, not by the signal).
+    EXPECT_EQ(read_text(gw.path("/var/run/sandbox/pkgd.status")), "exit:0\n");
+    EXPECT_EQ(survivors("pid", pid_ns), std::vector<pid_t>{});
+    EXPECT_FALSE(fs::exists(gw.path("/var/run/sandbox/ready")));
+    EXPECT_EQ(gw.run({"true"}).exit_code, 125);  // nothing left to run it in
+}
+
+TEST(Gateway, StartUpFailuresAreReportedNotWaitedOut) {
+    GatewayOptions missing = gwtest::named_gateway();
+    missing.broker_path = "/nonexistent/ubusd";
+    GatewayOptions dying = gwtest::named_gateway();
+    dying.broker_path = "/bin/false";
+    const std::pair<GatewayOptions, const char*> cases[] = {{missing, "/nonexistent/ubusd"},
+                                                            {dying, "the broker exited during start-up"}};
+    for (const auto& [options, reason] : cases) {
+        Gateway gw(options);
+        EXPECT_FALSE(gw.up());
+        EXPECT_NE(gw.error().find(reason), std::string::npos) << gw.error();
+    }
+}
+
+TEST(Gateway, UnprivilegedCallerRunsItInAUserNamespace) {
+    const Credentials nobody{65534, 65534};
+    // The build tree must be reachable for that user, and the host must allow user namespaces.
+    SpawnSpec probe;
+    probe.argv = {"/bin/sh", "-c", std::string("test -x ") + PKGD_BINARY + " && unshare -U -r true"};
+    probe.env = environment_with({});
+    probe.user = nobody;
+    if (!run_command(probe, 10s).ok()) GTEST_SKIP() << "no user namespaces for an unprivileged user here";
+
+    GatewayOptions options = with_pkgd();
+    options.user = nobody;
+    Gateway gw(options);
+    ASSERT_TRUE(gw.up()) << gw.error();
+    CommandResult inside =
+        gw.sh("id -u; touch /usr/lib/opkg/info/made-inside; touch /usr/lib64/x 2>/dev/null || echo ro");
+    EXPECT_EQ(inside.out, "0\nro\n") << inside.err;
+    struct stat st {};
+    ASSERT_EQ(::stat(gw.path("/usr/lib/opkg/info/made-inside").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, nobody.uid);  // root inside is the caller outside
+    EXPECT_TRUE(gwtest::Client(gw).wait_for_object(kEnvironment));
+}
+
+}  // namespace
+}  // namespace sandbox

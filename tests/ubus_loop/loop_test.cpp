@@ -1,0 +1,212 @@
+// The event loop: descriptor watches, timers, and the signals that end it.
+#include "ubus/loop.hpp"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <future>
+#include <thread>
+
+#include "pipe.hpp"
+
+namespace ubus {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Pipe;
+using Log = std::vector<std::string>;
+
+// Ends the current run() after the descriptor events of this round: a zero-delay timer is due in
+// the same round, and timers run after descriptors.
+void stop_after_this_round(Loop& loop) {
+    loop.add_timer(0ms, [&loop] { loop.stop(); });
+}
+
+TEST(LoopFd, ReadinessHangUpRemovalFromItsOwnCallbackAndDroppedInterest) {
+    Loop loop;
+    Pipe p, q;
+    p.put("ab");
+    std::vector<std::uint32_t> seen;
+    std::string got;
+    Loop::Id id = 0, writable = 0;
+    // Captured by value and used after the watch removed itself: the callback object must stay
+    // alive until it returns.
+    const std::string farewell = "removed while running, still intact";
+    id = loop.add_fd(p.r.get(), Loop::kRead, [&, farewell](std::uint32_t ev) {
+        seen.push_back(ev);
+        got += p.take(1);
+        if (seen.size() == 1) p.w.reset();  // hang-up while one byte is still unread
+        if (seen.size() < 3) return;
+        loop.remove_fd(id);
+        got += " / " + farewell;
+        loop.stop();
+    });
+    // The pipe stays writable: level-triggered, the watch would fire every round if the interest
+    // were still there.
+    int writes = 0;
+    writable = loop.add_fd(q.w.get(), Loop::kWrite, [&](std::uint32_t ev) {
+        EXPECT_EQ(ev, Loop::kWrite);
+        ++writes;
+        EXPECT_TRUE(loop.modify_fd(writable, 0));
+    });
+    ASSERT_TRUE(id && writable);
+    loop.run();
+    EXPECT_EQ(seen, (std::vector<std::uint32_t>{Loop::kRead, Loop::kRead | Loop::kError, Loop::kError}));
+    EXPECT_EQ(got, "ab / removed while running, still intact");
+    EXPECT_EQ(writes, 1);
+}
+
+TEST(LoopFd, ARemovedWatchIsNotCalledForAnEventAlreadyInTheBatch) {
+    Loop loop;
+    Pipe sides[2], fresh;
+    Loop::Id ids[2] = {}, fresh_id = 0;
+    int calls[2] = {}, fresh_calls = 0;
+    for (int i = 0; i < 2; ++i) {
+        sides[i].put("x");
+        ids[i] = loop.add_fd(sides[i].r.get(), Loop::kRead, [&, i](std::uint32_t) {
+            ++calls[i];
+            if (fresh_id != 0) return;
+            // Whichever side runs first removes the other, whose event is pending in this batch,
+            // and puts a new readable pipe under the other's descriptor number.
+            loop.remove_fd(ids[1 - i]);
+            fresh.put("y");
+            ASSERT_GE(::dup2(fresh.r.get(), sides[1 - i].r.get()), 0);
+            fresh_id = loop.add_fd(sides[1 - i].r.get(), Loop::kRead, [&](std::uint32_t) {
+                ++fresh_calls;
+                fresh.take();
+            });
+        });
+    }
+    stop_after_this_round(loop);
+    loop.run();
+    EXPECT_EQ(calls[0] + calls[1], 1);
+    EXPECT_EQ(fresh_calls, 0) << "the new watch was called for the removed watch's event";
+    stop_after_this_round(loop);
+    loop.run();
+    EXPECT_EQ(fresh_calls, 1);
+}
+
+TEST(LoopFd, AStaleWatchDoesNotDisturbANewerOneOnTheSameNumber) {
+    Loop loop;
+    Pipe old_pipe, new_pipe;
+    const int number = old_pipe.r.get();
+    const Loop::Id stale = loop.add_fd(number, Loop::kRead, [](std::uint32_t) {});
+    ASSERT_NE(stale, 0u);
+    EXPECT_EQ(loop.add_fd(number, Loop::kRead, [](std::uint32_t) {}), 0u) << "one watch per descriptor";
+    EXPECT_EQ(loop.add_fd(-1, Loop::kRead, [](std::uint32_t) {}), 0u);
+
+    // Closed before its watch was removed, then the number is reused for another pipe.
+    ASSERT_GE(::dup2(new_pipe.r.get(), number), 0);
+    int calls = 0;
+    const Loop::Id newer = loop.add_fd(number, Loop::kRead, [&](std::uint32_t) {
+        ++calls;
+        loop.stop();
+    });
+    ASSERT_NE(newer, 0u);
+    loop.remove_fd(stale);  // must not unregister the newer watch
+    new_pipe.put("z");
+    loop.add_timer(5s, [&] { loop.stop(); });  // only if the newer watch was lost
+    loop.run();
+    EXPECT_EQ(calls, 1);
+    loop.remove_fd(newer);
+    EXPECT_NE(loop.add_fd(number, Loop::kRead, [](std::uint32_t) {}), 0u) << "watchable again after removal";
+}
+
+TEST(LoopTimer, TimersFireInDeadlineOrderCancelledOnesNeverAndStopEndsOnlyTheInnermostRun) {
+    Loop loop;
+    Log log;
+    loop.stop();  // outside run(): the next run() returns at once, before any callback
+    loop.add_timer(0ms, [&] { log.push_back("early"); });
+    const Loop::Id if_stuck = loop.add_timer(5s, [&] { loop.stop(); });
+    loop.run();
+    loop.cancel_timer(if_stuck);
+    EXPECT_TRUE(log.empty());
+
+    loop.add_timer(30ms, [&] { log.push_back("30"); });
+    loop.add_timer(10ms, [&] {
+        log.push_back("10");
+        // The callback waits in a nested run, ended by a timer it added; the outer run goes on.
+        loop.add_timer(1ms, [&] {
+            log.push_back("inner stop");
+            loop.stop();
+        });
+        loop.run();
+        log.push_back("nested run returned");
+    });
+    const Loop::Id t20 = loop.add_timer(20ms, [&] { log.push_back("20"); });
+    Loop::Id zero_b = 0;
+    // Both zero-delay timers are due in the same round; the first cancels the second.
+    loop.add_timer(0ms, [&] {
+        log.push_back("0a");
+        loop.cancel_timer(zero_b);
+        loop.cancel_timer(t20);
+    });
+    zero_b = loop.add_timer(0ms, [&] { log.push_back("0b"); });
+    loop.add_timer(50ms, [&] {
+        log.push_back("50");
+        loop.stop();
+    });
+    loop.run();
+    EXPECT_EQ(log, (Log{"early", "0a", "10", "inner stop", "nested run returned", "30", "50"}));
+}
+
+// Only a signal can end these runs in time; this ends them otherwise, so that a broken wake-up
+// fails the test instead of hanging it.
+void stop_if_stuck(Loop& loop) {
+    loop.add_timer(10s, [&loop] { loop.stop(); });
+}
+
+TEST(LoopSignal, SigtermAndSigintEndRunFromAnyThreadAndEvenBeforeIt) {
+    Loop loop;
+    stop_if_stuck(loop);
+    loop.add_timer(0ms, [] { ::kill(::getpid(), SIGTERM); });
+    loop.run();
+    EXPECT_TRUE(loop.stopped_by_signal());
+
+    ::kill(::getpid(), SIGINT);
+    stop_if_stuck(loop);
+    loop.run();
+    EXPECT_TRUE(loop.stopped_by_signal());
+
+    // raise() in a thread targets that thread, which does not block the signal: the handler runs
+    // there, while the loop thread sleeps in epoll_wait.
+    std::promise<void> running;
+    loop.add_timer(0ms, [&] { running.set_value(); });
+    std::thread other([f = running.get_future()] {
+        f.wait();
+        ::raise(SIGTERM);
+    });
+    stop_if_stuck(loop);
+    loop.run();
+    other.join();
+    EXPECT_TRUE(loop.stopped_by_signal());
+
+    loop.add_timer(0ms, [&] { loop.stop(); });
+    loop.run();
+    EXPECT_FALSE(loop.stopped_by_signal()) << "ended by stop()";
+}
+
+void (*disposition(int sig))(int) {
+    struct sigaction sa {};
+    ::sigaction(sig, nullptr, &sa);
+    return sa.sa_handler;
+}
+
+TEST(LoopSignal, DispositionsAreHeldOnlyWhileTheOneLoopExists) {
+    ASSERT_EQ(disposition(SIGPIPE), SIG_DFL);
+    {
+        Loop loop;
+        EXPECT_EQ(Loop::current(), &loop);
+        Pipe p;
+        p.r.reset();
+        EXPECT_EQ(::write(p.w.get(), "x", 1), -1);  // with SIGPIPE in force we would be dead here
+        EXPECT_DEATH(Loop second, "second loop");
+    }
+    EXPECT_EQ(Loop::current(), nullptr);
+    for (int sig : {SIGPIPE, SIGTERM, SIGINT, SIGCHLD}) EXPECT_EQ(disposition(sig), SIG_DFL) << sig;
+    Loop again;  // one at a time, not one per process lifetime
+    EXPECT_EQ(Loop::current(), &again);
+}
+
+}  // namespace
+}  // namespace ubus
