@@ -183,25 +183,29 @@ FrameReader::Result FrameReader::next(Frame& out) {
     return Result::Frame;
 }
 
+ssize_t send_with_fd(int sock, const iovec* iov, std::size_t n, int pass_fd) {
+    msghdr msg{};
+    msg.msg_iov = const_cast<iovec*>(iov);
+    msg.msg_iovlen = n;
+    alignas(cmsghdr) char ctrl[CMSG_SPACE(sizeof(int))];
+    if (pass_fd >= 0) {
+        std::memset(ctrl, 0, sizeof(ctrl));
+        msg.msg_control = ctrl;
+        msg.msg_controllen = sizeof(ctrl);
+        cmsghdr* c = CMSG_FIRSTHDR(&msg);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(c), &pass_fd, sizeof(int));
+    }
+    return ::sendmsg(sock, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
 bool send_frame_blocking(int fd, Bytes frame, int pass_fd) {
     std::size_t off = 0;
-    bool fd_sent = pass_fd < 0;
     while (off < frame.size()) {
-        iovec iov{const_cast<std::uint8_t*>(frame.data() + off), frame.size() - off};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        alignas(cmsghdr) char ctrl[CMSG_SPACE(sizeof(int))];
-        if (!fd_sent) {
-            msg.msg_control = ctrl;
-            msg.msg_controllen = sizeof(ctrl);
-            cmsghdr* c = CMSG_FIRSTHDR(&msg);
-            c->cmsg_level = SOL_SOCKET;
-            c->cmsg_type = SCM_RIGHTS;
-            c->cmsg_len = CMSG_LEN(sizeof(int));
-            std::memcpy(CMSG_DATA(c), &pass_fd, sizeof(int));
-        }
-        ssize_t n = ::sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const iovec iov{const_cast<std::uint8_t*>(frame.data() + off), frame.size() - off};
+        const ssize_t n = send_with_fd(fd, &iov, 1, pass_fd);
         if (n < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
@@ -209,7 +213,7 @@ bool send_frame_blocking(int fd, Bytes frame, int pass_fd) {
             if (::poll(&p, 1, -1) < 0 && errno != EINTR) return false;
             continue;
         }
-        fd_sent = true;
+        pass_fd = -1;  // the descriptor travels with the first bytes only
         off += static_cast<std::size_t>(n);
     }
     return true;

@@ -2,6 +2,9 @@
 // the body attributes, status codes, building frames in place and reading them from a stream.
 #pragma once
 
+#include <sys/types.h>
+#include <sys/uio.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -172,5 +175,9 @@ private:
 // Sends a whole frame, with an optional descriptor (not closed). Handles partial writes by
 // polling; returns false if the peer is gone or on error. For blocking use by clients.
 bool send_frame_blocking(int fd, Bytes frame, int pass_fd = -1);
+
+// One non-blocking sendmsg() of `n` buffers that also passes `pass_fd` when it is not negative.
+// Returns what sendmsg returns; on -1, errno says why.
+ssize_t send_with_fd(int sock, const iovec* iov, std::size_t n, int pass_fd);
 
 }  // namespace ubus

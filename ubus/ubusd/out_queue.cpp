@@ -1,9 +1,8 @@
 #include "ubusd/out_queue.hpp"
 
-#include <sys/socket.h>
-
 #include <cerrno>
-#include <cstring>
+
+#include "ubus/wire.hpp"
 
 namespace ubusd {
 
@@ -15,22 +14,8 @@ constexpr std::size_t kKeepCapacity = 256 * 1024;
 
 // One sendmsg(); returns the bytes written, 0 when the socket is full, -1 when it is broken.
 ssize_t write_some(int sock, const iovec* iov, std::size_t n, int fd) {
-    msghdr msg{};
-    msg.msg_iov = const_cast<iovec*>(iov);
-    msg.msg_iovlen = n;
-    alignas(cmsghdr) char ctrl[CMSG_SPACE(sizeof(int))];
-    if (fd >= 0) {
-        std::memset(ctrl, 0, sizeof(ctrl));
-        msg.msg_control = ctrl;
-        msg.msg_controllen = sizeof(ctrl);
-        cmsghdr* c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(c), &fd, sizeof(int));
-    }
     for (;;) {
-        const ssize_t r = ::sendmsg(sock, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t r = ubus::send_with_fd(sock, iov, n, fd);
         if (r >= 0) return r;
         if (errno == EINTR) continue;
         return (errno == EAGAIN || errno == EWOULDBLOCK) ? 0 : -1;
