@@ -1,5 +1,5 @@
 // pkgd's start-up in a sandbox gateway: what it leaves behind when it cannot serve, the order in
-// which clients see its objects, the root option, and how it ends.
+// which clients see its objects, and how it ends.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -202,26 +202,6 @@ TEST(Startup, ObjectsAppearInTheirFixedOrderWithTheEnvironmentObjectLast) {
               (std::vector<std::string>{"add " + std::string(kPackages), "add (listener)",
                                         "register Services.Management.LCM", "add " + std::string(kOperations),
                                         "add " + std::string(kEnvironment)}));
-}
-
-TEST(Startup, AnEmptyRootOptionChangesNoRootEvenAfterAnEarlierOne) {
-    // pkgd started inside the gateway (already in its root) with "-r /elsewhere -r ''": had the
-    // first option counted, it would look for the bus and make its directories in /elsewhere.
-    auto options = gwtest::named_gateway();
-    options.tools = {{PKGD_BINARY, "/opt/pkgd/pkgd"}};
-    options.prepare = [](const fs::path& root) {
-        for (const char* dir : {"elsewhere/tmp", "elsewhere/usr/local/package", "elsewhere/var/run/ubus"})
-            fs::create_directories(root / dir);
-    };
-    sandbox::Gateway gw(options);
-    ASSERT_TRUE(gw.up()) << gw.error();
-    gwtest::Client probe(gw);
-    sandbox::InsideProcess pkgd = gw.spawn({"/opt/pkgd/pkgd", "-r", "/elsewhere", "-r", "", "-f"});
-    ASSERT_TRUE(pkgd.started()) << pkgd.error();
-    EXPECT_TRUE(probe.wait_for_object(kEnvironment));
-    EXPECT_TRUE(fs::is_directory(gw.path("/tmp/opkg-System")));
-    EXPECT_FALSE(fs::exists(gw.path("/elsewhere/tmp/opkg-System")));
-    EXPECT_EQ(pkgd.stop(), 0);
 }
 
 }  // namespace

@@ -73,8 +73,6 @@ TEST(Gateway, HostFilesAreSeenReadOnlyAndWritesLandInTheRootAndItsSyslog) {
         EXPECT_FALSE(fs::exists(dir + "/" + name)) << dir;
     }
     EXPECT_NE(gw.sh("echo garbage > /etc/ld.so.cache").exit_code, 0);
-    // Seen through, not copied: the root's view of a host library is the host's file.
-    EXPECT_TRUE(gw.run({"ls", "/usr/lib/x86_64-linux-gnu/libc.so.6"}).ok());
 
     // /usr/lib/opkg stays the root's own, writable, although /usr/lib as a whole shows the host's.
     CommandResult write = gw.sh("echo opkg > /usr/lib/opkg/info/" + name + " && echo tmp > /tmp/" + name +

@@ -23,14 +23,8 @@ using gwtest::read_text;
 using gwtest::sim_requests;
 using store_sandbox::run_as_worker;
 using store_test::environment_package;
+using store_test::json_of;
 using store_test::ordinary_package;
-
-template <typename Build>
-std::string json_of(Build build) {
-    ubus::BlobBuf msg;
-    build(msg);
-    return ubus::json_format(msg);
-}
 
 std::string update(const char* type, std::int32_t index, const std::string& record) {
     return std::string(R"(catalog.update {"Type":")") + type + R"(","index":)" + std::to_string(index) +

@@ -42,12 +42,13 @@ pkg_info ordinary_package() {
     pkg.object_name = kPackageObject;
     pkg.eu.push_back({4, "EU-4", "demo"});
     pkg.eu.push_back({6, "EU-6", "demo-watch"});
+    pkg.eu.push_back({8, "EU-8", std::nullopt});  // no init script to name
     return pkg;
 }
 
+// Started by its own script only, whatever units it has.
 pkg_info environment_package(bool with_ee) {
     pkg_info pkg = ordinary_package();
-    pkg.eu.clear();
     pkg.du.pkgtype = PKGTYPE_EE;
     if (with_ee) pkg.ee.emplace().file = "lxc";
     return pkg;
@@ -115,21 +116,14 @@ TEST_F(PackagesInGateway, FailedRequestsGiveMinusOneAndNoEvent) {
     EXPECT_FALSE(fs::exists(gw_->path("/tmp/operations")));
 }
 
-TEST_F(PackagesInGateway, EventsCarryTheirHeaderAndABodyOnlyWithAKey) {
+TEST_F(PackagesInGateway, EventsCarryABodyWhenGivenAKeyEvenWithAnEmptyValue) {
     run_as_worker(*gw_, [](std::string&) {
-        package_event(kLcmInstalling, kLcmPackageIdKey, kPackageObject);
-        package_event(kLcmExecEnvAdded, kLcmExecEnvIdKey,
-                      "Services.Management.LCM.ExecutionEnvironments.lxc");
+        package_event(kLcmExecEnvAdded, kLcmExecEnvIdKey, "");
         package_event(kLcmDeleteFailed, "", "no body");
     });
-    EXPECT_EQ(
-        events_.events(3),
-        (std::vector<std::string>{
-            event(kLcmInstalling, package_body()),
-            event(
-                kLcmExecEnvAdded,
-                R"(,"Body":{"ExecutionEnvironmentId":"Services.Management.LCM.ExecutionEnvironments.lxc"})"),
-            event(kLcmDeleteFailed, "")}));
+    EXPECT_EQ(events_.events(2),
+              (std::vector<std::string>{event(kLcmExecEnvAdded, R"(,"Body":{"ExecutionEnvironmentId":""})"),
+                                        event(kLcmDeleteFailed, "")}));
 }
 
 TEST_F(PackagesInGateway, AProgramRunsWhenReachedThroughAHardOrASymbolicLink) {

@@ -1,24 +1,14 @@
 // The messages built from records: the members of the four record files (names, order, JSON types
-// and the conditions under which each is present), and what pkgd sends its peers.
+// and the conditions under which each is present).
 #include <gtest/gtest.h>
 
-#include "pkgd/catalog.hpp"
-#include "pkgd/lcm_events.hpp"
 #include "pkgd/record_files.hpp"
-#include "pkgd/run_state.hpp"
 #include "sample_records.hpp"
-#include "ubus/json.hpp"
 
 namespace {
 
 using namespace pkgd;
-
-template <typename Build>
-std::string json_of(Build build) {
-    ubus::BlobBuf msg;
-    build(msg);
-    return ubus::json_format(msg);
-}
+using store_test::json_of;
 
 TEST(RecordMessages, PackageMembersFollowTheUnitsThePackageHas) {
     pkg_info pkg = store_test::ordinary_package();
@@ -81,31 +71,6 @@ TEST(RecordMessages, UnitAndEnvironmentKeepTheirShapeVendorAndTypeOnlyWhenSet) {
     env.ee->name.reset();
     EXPECT_EQ(json_of([&](auto& m) { ee_record_message(m, env, *env.ee, "System"); }),
               R"({"id":"5","name":"","version":"2.0","file":"lxc-env","EE":"System"})");
-}
-
-TEST(PeerMessages, EventBodyWithAKeyAndCatalogMessagesOnlyForKnownKinds) {
-    EXPECT_EQ(json_of([](auto& m) { lcm_event_message(m, 9, "X", {}, "ignored"); }),
-              R"({"Header":{"Code":9,"Name":"X"}})");
-    // A key with an empty value still makes a body.
-    EXPECT_EQ(json_of([](auto& m) { lcm_event_message(m, 1, "Y", kLcmExecEnvIdKey, ""); }),
-              R"({"Header":{"Code":1,"Name":"Y"},"Body":{"ExecutionEnvironmentId":""}})");
-    for (int kind : {-1, 3, 100}) {
-        ubus::BlobBuf msg;
-        EXPECT_FALSE(catalog_update_message(msg, kind, 1, {}));
-        EXPECT_FALSE(catalog_delete_message(msg, kind, 1));
-        EXPECT_TRUE(msg.members().empty());
-    }
-}
-
-TEST(PeerMessages, OperateNamesTheScriptsOfTheUnitsOrTheEnvironment) {
-    pkg_info pkg = store_test::ordinary_package();
-    pkg.eu.push_back({8, "EU-8", std::nullopt});  // no script to name
-    EXPECT_EQ(json_of([&](auto& m) { operate_message(m, pkg, "start"); }),
-              R"({"Operation":"start","name":["demo","demo-watch"]})");
-    pkg_info env = store_test::environment_package();
-    env.eu.push_back({4, "EU-4", "ignored"});  // an environment package is started by its own script
-    EXPECT_EQ(json_of([&](auto& m) { operate_message(m, env, "start"); }),
-              R"({"Operation":"start","name":["lxc-env"]})");
 }
 
 }  // namespace

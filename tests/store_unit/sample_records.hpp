@@ -1,9 +1,19 @@
-// Records with every field set, shared by the record message and record file tests.
+// Records with every field set, shared by the record message and record file tests, and the
+// messages built from them as JSON.
 #pragma once
 
 #include "pkgd/records.hpp"
+#include "ubus/json.hpp"
 
 namespace store_test {
+
+// The message `build` writes into a fresh buffer, as compact JSON.
+template <typename Build>
+std::string json_of(Build build) {
+    ubus::BlobBuf msg;
+    build(msg);
+    return ubus::json_format(msg);
+}
 
 inline pkgd::pkg_info ordinary_package() {
     pkgd::pkg_info pkg;

@@ -1,7 +1,10 @@
 #include "golden_session.hpp"
 
+#include <json-c/json.h>
+
 #include <algorithm>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -23,26 +26,6 @@ std::vector<std::string> lines_of(std::string_view file) {
     for (std::string l; std::getline(in, l);) out.push_back(l);
     return out;
 }
-
-unsigned nibble(char c) {
-    if (c >= '0' && c <= '9') return static_cast<unsigned>(c - '0');
-    if (c >= 'a' && c <= 'f') return static_cast<unsigned>(c - 'a' + 10);
-    if (c >= 'A' && c <= 'F') return static_cast<unsigned>(c - 'A' + 10);
-    throw std::runtime_error(std::string("bad hex digit ") + c);
-}
-
-unsigned hex4(std::string_view s, std::size_t at) {
-    unsigned v = 0;
-    for (std::size_t k = 0; k < 4; ++k) v = v * 16 + nibble(s.at(at + k));
-    return v;
-}
-
-void put_utf8(std::string& out, unsigned cp) {
-    const int extra = cp < 0x80 ? 0 : cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
-    static const unsigned lead[] = {0, 0xc0, 0xe0, 0xf0};
-    out += static_cast<char>(lead[extra] | (cp >> (6 * extra)));
-    for (int k = extra - 1; k >= 0; --k) out += static_cast<char>(0x80 | ((cp >> (6 * k)) & 0x3f));
-}
 }  // namespace
 
 std::vector<std::uint8_t> unhex(std::string_view h) {
@@ -51,8 +34,11 @@ std::vector<std::uint8_t> unhex(std::string_view h) {
         if (c != ' ' && c != '|') digits += c;
     if (digits.size() % 2) throw std::runtime_error("odd hex length");
     std::vector<std::uint8_t> out;
-    for (std::size_t i = 0; i < digits.size(); i += 2)
-        out.push_back(static_cast<std::uint8_t>(nibble(digits[i]) << 4 | nibble(digits[i + 1])));
+    for (std::size_t i = 0; i < digits.size(); i += 2) {
+        std::size_t used = 0;
+        out.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), &used, 16)));
+        if (used != 2) throw std::runtime_error("bad hex " + digits.substr(i, 2));
+    }
     return out;
 }
 
@@ -123,28 +109,13 @@ std::vector<Case> read_cases(std::string_view file) {
     return cases;
 }
 
-std::string unquote(std::string_view s) {
-    if (s.size() < 2 || s.front() != '"' || s.back() != '"') throw std::runtime_error("not a literal");
-    static const std::string_view plain = "nrtbf/\\\"", meant = "\n\r\t\b\f/\\\"";
-    std::string out;
-    for (std::size_t i = 1; i + 1 < s.size(); ++i) {
-        if (s[i] != '\\') {
-            out += s[i];
-        } else if (const auto k = plain.find(s[++i]); k != std::string_view::npos) {
-            out += meant[k];
-        } else if (s[i] == 'u') {
-            unsigned cp = hex4(s, i + 1);
-            i += 4;
-            if (cp >= 0xd800 && cp < 0xdc00 && s.substr(i + 1, 2) == "\\u") {
-                cp = 0x10000 + ((cp - 0xd800) << 10) + (hex4(s, i + 3) - 0xdc00);
-                i += 6;
-            }
-            put_utf8(out, cp);
-        } else {
-            throw std::runtime_error("bad escape");
-        }
-    }
-    return out;
+std::string unquote(std::string_view literal) {
+    // json-c decodes it: a reader independent of the bridge the captures are checked against.
+    const std::unique_ptr<json_object, decltype(&json_object_put)> v(
+        json_tokener_parse(std::string(literal).c_str()), json_object_put);
+    if (!v || !json_object_is_type(v.get(), json_type_string))
+        throw std::runtime_error("not a string literal: " + std::string(literal));
+    return {json_object_get_string(v.get()), static_cast<std::size_t>(json_object_get_string_len(v.get()))};
 }
 
 }  // namespace golden

@@ -1,9 +1,11 @@
-// Pipes holding a short text: a descriptor to pass along a message, whose far side can prove it
-// got this very descriptor by reading the text back.
+// Pipes for tests: a non-blocking pipe the test owns both ends of, and a descriptor to pass along
+// a message whose far side can prove it got this very descriptor by reading the text back.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
@@ -11,13 +13,30 @@
 
 namespace bus_test {
 
+struct Pipe {
+    ubus::UniqueFd r, w;
+    Pipe() {
+        int fds[2];
+        if (::pipe2(fds, O_NONBLOCK | O_CLOEXEC) < 0) std::abort();
+        r.reset(fds[0]);
+        w.reset(fds[1]);
+    }
+    void put(std::string_view s) const {
+        if (::write(w.get(), s.data(), s.size()) != static_cast<ssize_t>(s.size())) std::abort();
+    }
+    // Up to `n` bytes; "" when nothing is there (or at end of file).
+    std::string take(std::size_t n = 4096) const {
+        std::string buf(n, '\0');
+        buf.resize(static_cast<std::size_t>(std::max<ssize_t>(::read(r.get(), buf.data(), n), 0)));
+        return buf;
+    }
+};
+
 // The read end of a pipe that holds `text` and has no writer left.
 inline ubus::UniqueFd pipe_holding(std::string_view text) {
-    int p[2];
-    if (::pipe(p) != 0) return {};
-    ubus::UniqueFd rd(p[0]), wr(p[1]);
-    if (::write(wr.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) return {};
-    return rd;
+    Pipe p;
+    p.put(text);
+    return std::move(p.r);
 }
 
 // Everything readable from `fd` up to its end.

@@ -115,10 +115,6 @@ void pump(ubus::Connection& c, const Broker& b) {
     for (int i = 0; i < 200 && !b.done(); ++i) c.dispatch(25);
 }
 
-void pump(ubus::Loop& loop, const Broker& b) {
-    run_until(loop, [&] { return b.done(); });
-}
-
 void run_until(ubus::Loop& loop, const std::function<bool()>& done) {
     int rounds = 0;
     std::function<void()> check = [&] {

@@ -71,10 +71,8 @@ struct Session {
     ubus::Connection bus;
 };
 
-// Drives a connection until the broker's script has ended (bounded): by hand, or by running the
-// loop it is attached to.
+// Drives a connection by hand until the broker's script has ended (bounded).
 void pump(ubus::Connection& c, const Broker& b);
-void pump(ubus::Loop& loop, const Broker& b);
 // Runs the loop until `done()` holds (bounded).
 void run_until(ubus::Loop& loop, const std::function<bool()>& done);
 

@@ -2,14 +2,12 @@
 // loading and JSON formatting, byte for byte.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "golden_session.hpp"
 #include "ubus/blob.hpp"
 #include "ubus/json.hpp"
-#include "ubus/wire.hpp"
 
 namespace {
 
@@ -147,37 +145,6 @@ TEST(GoldenJson, LoadingTextAndFilesAndFormattingThemBack) {
             expect_json(c, b.root_bytes());
         }
     }
-}
-
-// `ubus -v list` prints each method of a signature in element form, with the hook that names the
-// argument types; the signature here is the one the broker returned in the captured session.
-TEST(GoldenJson, ElementFormWithHookPrintsListVerboseLines) {
-    Bytes signature;
-    ubus::FrameReader reader;
-    ubus::Frame frame;
-    for (const auto& step : golden::read_session("session_list_verbose.txt")) {
-        if (step.kind != golden::Step::FromBroker || step.label != "cli") continue;
-        reader.feed(step.bytes);
-        ASSERT_EQ(reader.next(frame), ubus::FrameReader::Result::Frame);
-        if (frame.hdr.type != ubus::MsgType::Data) continue;
-        signature = frame.attrs()[ubus::kAttrSignature].payload();
-        break;
-    }
-    ubus::JsonFormat f;
-    f.element_hook = ubus::json_type_name_hook;
-    std::string lines;
-    for (Attr method : ubus::AttrList(signature)) {
-        lines += '\t';
-        ubus::json_format_element(lines, method, f);
-        lines += '\n';
-    }
-    const auto cli = cases("cli_transcripts.txt");
-    const auto listing =
-        std::find_if(cli.begin(), cli.end(), [](const auto& c) { return c.name == "list_verbose"; });
-    ASSERT_NE(listing, cli.end());
-    const std::string out = golden::unquote(listing->get("stdout"));
-    EXPECT_EQ(lines, out.substr(out.find('\n') + 1));
-    EXPECT_FALSE(signature.empty());
 }
 
 }  // namespace

@@ -7,13 +7,13 @@
 #include <future>
 #include <thread>
 
-#include "pipe.hpp"
+#include "pipe_text.hpp"
 
 namespace ubus {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Pipe;
+using bus_test::Pipe;
 using Log = std::vector<std::string>;
 
 // Ends the current run() after the descriptor events of this round: a zero-delay timer is due in

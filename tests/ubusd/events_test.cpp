@@ -26,37 +26,47 @@ std::string json(ubus::Bytes members) {
     return out;
 }
 
-TEST(Events, EachListenerObjectGetsOneCopyNumberedBrokerWideAndTheSenderNone) {
+TEST(Events, PatternsChooseListenersEachObjectGetsOneCopyNumberedBrokerWideAndTheSenderNone) {
     BrokerProcess broker;
-    RawClient sender(broker.socket()), all(broker.socket()), overlapping(broker.socket());
+    RawClient sender(broker.socket()), all(broker.socket()), overlapping(broker.socket()),
+        demo(broker.socket()), prefix(broker.socket()), literal(broker.socket());
     listener(sender, {"*"});
-    const std::uint32_t all_obj = listener(all, {"*"});
-    const std::uint32_t overlapping_obj = listener(overlapping, {"demo.*", "*", "demo.x", "demo.*"});
+    const std::pair<RawClient*, std::uint32_t> listeners[] = {
+        {&all, listener(all, {"*"})},
+        {&overlapping, listener(overlapping, {"demo.*", "*", "demo.x", "demo.*"})},
+        {&demo, listener(demo, {"demo.*"})},
+        {&prefix, listener(prefix, {"de*"})},
+        {&literal, listener(literal, {"a*b"})},  // a star inside a pattern is just a character
+    };
     ubus::BlobBuf data;
     data.add_string("s", "text");
     const auto t = data.open_table("t");
     data.add_bool("b", true);
     data.close(t);
-    EXPECT_EQ(sender.status_of(event_msg(1, "demo.x", data)), 0);
-    EXPECT_EQ(sender.status_of(event_msg(2, "other", data)), 0);
+    const V every = {"demo.x", "demo", "dex", "demo.*", "a*b", "axb"};
+    std::uint16_t seq = 1;
+    for (const std::string& name : every) EXPECT_EQ(sender.status_of(event_msg(seq++, name, data)), 0);
 
     // The sender had its answers only after the deliveries went out, so they are all there now.
     EXPECT_TRUE(sender.sync().empty());
+    const V expected[] = {every, every, {"demo.x", "demo.*"}, {"demo.x", "demo", "dex", "demo.*"}, {"a*b"}};
     std::multiset<std::uint16_t> seqs;
-    for (auto [c, obj] : {std::pair{&all, all_obj}, std::pair{&overlapping, overlapping_obj}}) {
+    for (std::size_t i = 0; i < std::size(listeners); ++i) {
         V got;
-        for (const Received& r : c->sync()) {
+        for (const Received& r : listeners[i].first->sync()) {
             EXPECT_EQ(r.hdr().type, ubus::MsgType::Invoke);
             EXPECT_EQ(r.hdr().peer, 0u);
-            EXPECT_EQ(r.attrs().u32(ubus::kAttrObjId), obj);
+            EXPECT_EQ(r.attrs().u32(ubus::kAttrObjId), listeners[i].second);
             EXPECT_FALSE(r.attrs().has(ubus::kAttrUser));
             EXPECT_EQ(json(r.attrs().data()), R"({"s":"text","t":{"b":true}})");
             seqs.insert(r.hdr().seq);
             got.emplace_back(r.method());
         }
-        EXPECT_EQ(got, (V{"demo.x", "other"}));
+        EXPECT_EQ(got, expected[i]) << "listener " << i;
     }
-    EXPECT_EQ(seqs, (std::multiset<std::uint16_t>{1, 2, 3, 4}));
+    std::multiset<std::uint16_t> numbered;
+    for (std::uint16_t n = 1; n <= 19; ++n) numbered.insert(n);
+    EXPECT_EQ(seqs, numbered);
 
     // The broker's own events reach everyone, the object's owner too, before the ADD_OBJECT answer.
     const std::uint32_t watched = add_object(all, "watched", 10);

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "pipe_text.hpp"
 #include "ubus/wire.hpp"
 
 namespace ubusd {
@@ -97,14 +98,11 @@ TEST(OutQueue, QueuedMessagesKeepTheirOrderAndTheirDescriptors) {
     // The socket is full and message `seq` partly waits; now messages with descriptors behind it.
     std::vector<std::string> expected;
     for (std::uint16_t i = 1; i <= seq; ++i) expected.push_back(std::to_string(i));
-    int p[2];
-    ASSERT_EQ(::pipe(p), 0);
-    ::close(p[1]);
+    const bus_test::Pipe p;
     for (bool fd : {true, false, true, false}) {
-        EXPECT_EQ(send(q, s.near.get(), ++seq, ubus::UniqueFd(fd ? ::dup(p[0]) : -1)), Result::Queued);
+        EXPECT_EQ(send(q, s.near.get(), ++seq, ubus::UniqueFd(fd ? ::dup(p.r.get()) : -1)), Result::Queued);
         expected.push_back(std::to_string(seq) + (fd ? "+fd" : ""));
     }
-    ::close(p[0]);
     EXPECT_EQ(drain(q, s), expected);
     EXPECT_TRUE(q.empty());
 }
@@ -116,11 +114,9 @@ TEST(OutQueue, MessagesBeyondTheLimitAreDroppedWholeWithTheirDescriptors) {
     std::uint16_t seq = 1;
     while (send(q, s.near.get(), seq) == Result::Done) ++seq;
     while (q.size() + 1000 <= 8 * 1024) ASSERT_EQ(send(q, s.near.get(), ++seq), Result::Queued);
-    int p[2];
-    ASSERT_EQ(::pipe(p), 0);
-    EXPECT_EQ(send(q, s.near.get(), 999, ubus::UniqueFd(p[0])), Result::Dropped);
-    EXPECT_EQ(::write(p[1], "x", 1), -1) << "the dropped message's descriptor was left open";
-    ::close(p[1]);
+    bus_test::Pipe p;
+    EXPECT_EQ(send(q, s.near.get(), 999, std::move(p.r)), Result::Dropped);
+    EXPECT_EQ(::write(p.w.get(), "x", 1), -1) << "the dropped message's descriptor was left open";
 
     const auto got = drain(q, s);
     ASSERT_FALSE(got.empty());

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "broker_process.hpp"
+#include "pipe_text.hpp"
 #include "raw_client.hpp"
 
 namespace bus_test {
@@ -39,11 +40,10 @@ TEST(Robustness, DescriptorsFedIntoAnUnfinishedMessageGetTheClientDropped) {
     ubus::MsgBuf ping(ubus::MsgType::Ping, 1, 0);
     ping.put_raw(ubus::kAttrData, std::vector<std::uint8_t>(1024));
     hoarder.send(ping.frame().first(12));
-    int p[2];
-    ASSERT_EQ(::pipe(p), 0);
-    const ubus::UniqueFd rd(p[0]), wr(p[1]);
+    const Pipe p;
     const std::uint8_t byte = 0;
-    for (int i = 0; i < 32 && ubus::send_frame_blocking(hoarder.fd(), ubus::Bytes(&byte, 1), p[0]); ++i) {
+    for (int i = 0; i < 32 && ubus::send_frame_blocking(hoarder.fd(), ubus::Bytes(&byte, 1), p.r.get());
+         ++i) {
     }
     EXPECT_TRUE(hoarder.wait_closed());
 }

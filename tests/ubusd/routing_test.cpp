@@ -48,16 +48,14 @@ TEST_F(Routing, OnlyTheOwnerAnswersOnlyWithWhatTheCallerNeedsAndOnlyToCallersSti
 
     // A descriptor with a DATA reply is closed, not forwarded: the pipe then has no reader left.
     std::signal(SIGPIPE, SIG_IGN);
-    int p[2];
-    ASSERT_EQ(::pipe(p), 0);
-    ubus::UniqueFd read_end(p[0]), write_end(p[1]);
+    Pipe pipe;
     ubus::BlobBuf payload;
     payload.add_string("k", "v");
     ubus::MsgBuf data(MsgType::Data, 7, caller.id());
     data.put_u32(ubus::kAttrObjId, demo);
     data.put_data(payload);
-    owner.send(data, read_end.get());
-    read_end.reset();
+    owner.send(data, pipe.r.get());
+    pipe.r.reset();
     ubus::MsgBuf real = status_msg(7, caller.id(), demo, 3);
     owner.send(real);
     EXPECT_TRUE(owner.sync().empty());  // both dealt with before the caller's own round trip
@@ -68,7 +66,7 @@ TEST_F(Routing, OnlyTheOwnerAnswersOnlyWithWhatTheCallerNeedsAndOnlyToCallersSti
     EXPECT_EQ(answers[1].hdr().type, MsgType::Status);
     EXPECT_EQ(answers[1].hdr().peer, demo);
     EXPECT_EQ(answers[1].attrs().u32(ubus::kAttrStatus), 3u);
-    EXPECT_EQ(::write(write_end.get(), "x", 1), -1);
+    EXPECT_EQ(::write(pipe.w.get(), "x", 1), -1);
 
     // The caller leaves: the owner answers into the void and carries on.
     RawClient gone(broker.socket());
