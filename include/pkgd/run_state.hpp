@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "pkgd/records.hpp"
+#include "pkgd/system_env.hpp"
 #include "ubus/blob.hpp"
 
 namespace pkgd {
@@ -29,13 +30,6 @@ int package_ispkgactive(const pkg_info& pkg);
 // The status text; for an installed package "Running" or "Installed" by package_ispkgactive,
 // which only then looks at the processes.
 std::string_view package_get_status(const pkg_info& pkg);
-
-// A file as the kernel knows it, whatever path leads to it.
-struct file_id {
-    dev_t dev = 0;
-    ino_t ino = 0;
-    friend auto operator<=>(const file_id&, const file_id&) = default;
-};
 
 // The identity of the file `path` leads to, following symbolic links; nothing when it cannot be
 // examined (gone, no permission).
