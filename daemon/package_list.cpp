@@ -112,7 +112,7 @@ std::int32_t package_list_body(ubus::BlobBuf& body, const package_registry& pkgs
 
 int package_list(ubus::Request& req) {
     ubus::BlobBuf body;
-    ProcessSnapshot processes;
+    ProcessSnapshot processes(real_system_env());
     const std::int32_t result = package_list_body(body, the_daemon().s_pkgs, req.args(), processes);
     return hlapi_send(req, result, result == HLAPI_OK ? body.root() : ubus::Attr());
 }

@@ -27,7 +27,7 @@ std::optional<file_id> file_identity(const char* path) {
     return file_id{st.st_dev, st.st_ino};
 }
 
-std::vector<file_id> file_list_identities(std::string_view files) {
+std::vector<file_id> file_list_identities(std::string_view files, SystemEnv& sys) {
     std::vector<file_id> ids;
     std::string path;
     while (!files.empty()) {
@@ -35,9 +35,13 @@ std::vector<file_id> file_list_identities(std::string_view files) {
         path.assign(files.substr(0, end));
         files.remove_prefix(std::min(end + 1, files.size()));
         if (path.empty()) continue;
-        if (auto id = file_identity(path.c_str())) ids.push_back(*id);
+        if (auto id = sys.file_identity(path)) ids.push_back(*id);
     }
     return ids;
+}
+
+std::vector<file_id> file_list_identities(std::string_view files) {
+    return file_list_identities(files, real_system_env());
 }
 
 std::vector<file_id> running_executables(const std::string& proc_dir) {

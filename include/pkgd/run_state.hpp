@@ -24,8 +24,9 @@ namespace pkgd {
 // Run state
 
 // 0 when one of the package's files (du.files) is the executable of a live process, -1
-// otherwise (also without a file list). Reads /proc at most once per call.
-int package_ispkgactive(const pkg_info& pkg);
+// otherwise (also without a file list). Looks at the processes at most once per call.
+int package_ispkgactive(const pkg_info& pkg, SystemEnv& sys);
+int package_ispkgactive(const pkg_info& pkg);  // on the real system
 
 // The status text; for an installed package "Running" or "Installed" by package_ispkgactive,
 // which only then looks at the processes.
@@ -38,6 +39,7 @@ std::optional<file_id> file_identity(const char* path);
 // The identities of the paths of a file list ("path;path;..."), in order; paths that cannot be
 // examined are left out.
 std::vector<file_id> file_list_identities(std::string_view files);
+std::vector<file_id> file_list_identities(std::string_view files, SystemEnv& sys);
 
 // The executables of the live processes listed in `proc_dir` (entries beginning with a decimal
 // number; their "exe" links), in no particular order. Processes whose executable cannot be
@@ -52,13 +54,13 @@ bool any_file_running(std::vector<file_id> files, std::span<const file_id> execu
 // question is answered from that collection.
 class ProcessSnapshot {
 public:
-    explicit ProcessSnapshot(std::string proc_dir = "/proc") : proc_dir_(std::move(proc_dir)) {}
+    explicit ProcessSnapshot(SystemEnv& sys) : sys_(sys) {}
 
     // Whether one of the paths of the file list `files` ("path;path;...") is a live executable.
     bool runs_any(std::string_view files);
 
 private:
-    std::string proc_dir_;
+    SystemEnv& sys_;
     std::optional<std::vector<file_id>> executables_;
 };
 
