@@ -61,4 +61,16 @@ int Connection::invoke(std::uint32_t object, std::string_view method, Bytes args
     return s.send_and_wait(req, timeout_ms < 0 ? 0 : timeout_ms, fds.send);
 }
 
+int Connection::invoke_async(std::uint32_t object, std::string_view method, Bytes args,
+                             AsyncCallback on_done, int timeout_ms) {
+    detail::ConnectionState& s = *st_;
+    auto call = std::make_unique<detail::AsyncCall>();
+    call->on_done = std::move(on_done);
+    s.begin_request(MsgType::Invoke, object, call->req);
+    s.out.put_u32(kAttrObjId, object);
+    s.out.put_string(kAttrMethod, method);
+    s.out.put_raw(kAttrData, args);
+    return s.start_async(std::move(call), timeout_ms);
+}
+
 }  // namespace ubus

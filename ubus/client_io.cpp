@@ -98,6 +98,7 @@ void ConnectionState::shut(int status) {
         r->done = true;
         r->status = status;
     }
+    if (async_finished()) schedule_dispatch();
 }
 
 void ConnectionState::lose() {
@@ -129,7 +130,12 @@ void ConnectionState::detach_loop() {
     if (!foreign()) {
         unwatch_socket();
         if (loop && timer != 0) loop->cancel_timer(timer);
+        for (const auto& call : async_calls)
+            if (loop && call->timer != 0) loop->cancel_timer(call->timer);
     }
+    // Without the loop their callbacks could never run: open calls are dropped.
+    for (const auto& call : async_calls) std::erase(pending, &call->req);
+    async_calls.clear();
     watch = 0;
     timer = 0;
     loop = nullptr;
@@ -199,8 +205,57 @@ int ConnectionState::wait(PendingRequest& req, int timeout_ms) {
     }
     pending.erase(std::find(pending.begin(), pending.end(), &req));
     --wait_depth;
-    if (wait_depth == 0 && (!queued.empty() || disconnect_notice)) schedule_dispatch();
+    if (wait_depth == 0 && (!queued.empty() || disconnect_notice || async_finished())) schedule_dispatch();
     return req.status;
+}
+
+int ConnectionState::start_async(std::unique_ptr<AsyncCall> call, int timeout_ms) {
+    if (!loop || !owned()) return kInvalidArgument;
+    const int rc = send();
+    if (rc != kOk) return rc;
+    AsyncCall* c = call.get();
+    c->req.async = true;
+    c->collect = [c](const MsgAttrs& a) {
+        if (a.has(kAttrData)) {
+            const Bytes d = a.data();
+            c->data.emplace_back(d.begin(), d.end());
+        }
+    };
+    c->req.on_data = c->collect;
+    if (timeout_ms > 0) {
+        c->timer = loop->add_timer(std::chrono::milliseconds(timeout_ms), [this, c] {
+            c->timer = 0;
+            if (c->req.done) return;
+            c->req.done = true;
+            c->req.status = kTimeout;  // forgotten: a late reply matches nothing
+            dispatch_ready();
+        });
+    }
+    pending.push_back(&c->req);
+    async_calls.push_back(std::move(call));
+    return kOk;
+}
+
+bool ConnectionState::async_finished() const {
+    return std::any_of(async_calls.begin(), async_calls.end(),
+                       [](const auto& call) { return call->req.done; });
+}
+
+void ConnectionState::finish_async_calls() {
+    while (true) {
+        const auto it = std::find_if(async_calls.begin(), async_calls.end(),
+                                     [](const auto& call) { return call->req.done; });
+        if (it == async_calls.end()) return;
+        std::unique_ptr<AsyncCall> call = std::move(*it);
+        async_calls.erase(it);
+        std::erase(pending, &call->req);
+        if (loop && call->timer != 0) loop->cancel_timer(call->timer);
+        // The callback may make calls of its own, or drop the connection: nothing of ours is
+        // touched after it.
+        dispatching_call = true;
+        if (call->on_done) call->on_done(call->req.status, call->data);
+        dispatching_call = false;
+    }
 }
 
 int ConnectionState::send_status(const ReplyTarget& to, int status, int pass_fd) {
@@ -274,6 +329,7 @@ void ConnectionState::handle_reply(MsgHeader hdr, const MsgAttrs& attrs, UniqueF
             r.done = true;
             r.status = status;
             if (r.reply_fd && passed) *r.reply_fd = std::move(passed);
+            if (r.async) schedule_dispatch();
         } else if (!r.broker_answered && hdr.peer == r.peer) {
             r.broker_answered = true;
             r.status = status;
@@ -334,6 +390,7 @@ std::size_t ConnectionState::dispatch_ready() {
         ++handled;
     }
     dispatching = false;
+    finish_async_calls();
     if (disconnect_notice) {
         disconnect_notice = false;
         if (on_disconnect) {

@@ -28,6 +28,7 @@ struct PendingRequest {
     bool collect_subscribers = false;
     bool broker_answered = false;
     std::vector<std::uint32_t> awaiting;
+    bool async = false;  // an AsyncCall's: completed from the loop, not by a waiting caller
 
     bool matches(std::uint16_t s, std::uint32_t p) const;
 };
@@ -46,6 +47,16 @@ struct LocalObject {
 struct TypeRef {
     std::uint32_t id = 0;
     std::size_t objects = 0;
+};
+
+// A call made with invoke_async. It stays among the pending requests until its final STATUS, its
+// time-out or the end of the connection; its callback then runs from the loop, at the top level.
+struct AsyncCall {
+    PendingRequest req;
+    std::function<void(const MsgAttrs&)> collect;  // what req.on_data refers to
+    std::vector<std::vector<std::uint8_t>> data;
+    AsyncCallback on_done;
+    Loop::Id timer = 0;
 };
 
 // A method call or notice received while a synchronous request was waiting, kept for later.
@@ -71,6 +82,7 @@ struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
     bool dispatching = false;                 // dispatch_ready() is running
     bool dispatching_call = false;            // a method handler or object callback is running
     std::deque<QueuedMessage> queued;
+    std::vector<std::unique_ptr<AsyncCall>> async_calls;  // open and finished, in sending order
     bool disconnect_notice = false;  // on_disconnect still to be called
     std::function<void()> on_disconnect;
     MonitorHandler on_monitor;
@@ -127,6 +139,11 @@ struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
     // Handles queued and buffered work, then delivers a pending disconnect notice; only at the
     // top level (not inside a handler or a wait). Returns the number of messages handled.
     std::size_t dispatch_ready();
+    // Sends the call built in `out` and registers it; its callback runs once it ends.
+    int start_async(std::unique_ptr<AsyncCall> call, int timeout_ms);
+    bool async_finished() const;
+    // Runs the callbacks of the calls that have ended, oldest first.
+    void finish_async_calls();
 
     // ----- owner side -----
     void handle_invoke(MsgHeader hdr, const MsgAttrs& attrs, UniqueFd fd);

@@ -209,6 +209,8 @@ using MonitorHandler = std::function<void(Bytes attributes)>;
 using LookupCallback = FunctionRef<void(const ObjectInfo& object)>;
 // An event: its type (name) and the members of its data table.
 using EventHandler = std::function<void(std::string_view type, Bytes data)>;
+// The end of an asynchronous call: its final status and the members of its DATA replies.
+using AsyncCallback = std::function<void(int status, std::span<const std::vector<std::uint8_t>> data)>;
 
 class Connection {
 public:
@@ -266,6 +268,15 @@ public:
     // forever; on time-out the call ends with kTimeout and replies arriving later are ignored.
     int invoke(std::uint32_t object, std::string_view method, Bytes args, DataCallback on_data,
                int timeout_ms, CallFds fds = {});
+    // The same without waiting, for a connection attached to a loop: returns kOk once the call is
+    // sent, and `on_done` is called later from the loop, exactly once, with the final status and
+    // the members of every DATA reply in order. A call not answered within `timeout_ms` (> 0) ends
+    // with kTimeout; one still open when the connection breaks ends with kConnectionFailed. When
+    // the call cannot be sent (no loop, no connection, too large) the error is returned and
+    // `on_done` is never called. close() ends open calls with kConnectionFailed as well; destroying,
+    // reconnecting or detaching the connection drops them without a callback.
+    int invoke_async(std::uint32_t object, std::string_view method, Bytes args, AsyncCallback on_done,
+                     int timeout_ms);
 
     // ----- events -----
     // Broadcasts an event: type (name) and the members of its data table.
