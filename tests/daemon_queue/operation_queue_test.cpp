@@ -1,0 +1,164 @@
+#include "daemon/operation_queue.hpp"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+
+#include "poll.hpp"
+#include "ubus/loop.hpp"
+
+namespace pkgd {
+namespace {
+
+// Workers that only exist on paper: each start gets the next pid, and the test decides when one
+// exits, whether starting or watching fails.
+class RecordedWorkers final : public WorkerControl {
+public:
+    std::vector<std::int32_t> started;  // request ids, in start order
+    std::vector<pid_t> killed;
+    bool fail_start = false;
+    bool fail_watch = false;
+
+    pid_t start(const operation_info& op) override {
+        if (fail_start) return -1;
+        started.push_back(op.request_id);
+        return next_pid_++;
+    }
+    bool watch(pid_t pid, std::function<void(pid_t, int)> on_exit) override {
+        if (fail_watch) return false;
+        exits_[pid] = std::move(on_exit);
+        return true;
+    }
+    void kill_group(pid_t pid) override { killed.push_back(pid); }
+
+    void exit(pid_t pid) {
+        auto cb = std::move(exits_.at(pid));
+        exits_.erase(pid);
+        cb(pid, 0);
+    }
+
+private:
+    pid_t next_pid_ = 100;
+    std::map<pid_t, std::function<void(pid_t, int)>> exits_;
+};
+
+std::shared_ptr<operation_info> op(std::int32_t request_id) {
+    auto o = std::make_shared<operation_info>();
+    o->request_id = request_id;
+    o->operate_id = 1;
+    o->operate_mid = 1;
+    o->pkg = std::make_shared<pkg_info>();
+    return o;
+}
+
+class Queue : public ::testing::Test {
+protected:
+    operation_queue queue;
+    RecordedWorkers workers;
+
+    int add(std::int32_t request_id) { return enqueue_operation(queue, workers, op(request_id)); }
+};
+
+TEST_F(Queue, OneWorkerAtATimeOldestFirstWhateverTheWorkerEndedWith) {
+    for (int id : {1, 2, 3}) ASSERT_EQ(add(id), kQueueOk);
+    EXPECT_EQ(workers.started, (std::vector<std::int32_t>{1}));
+    workers.exit(100);  // an exit by a signal or with status 1 is reported the same way
+    EXPECT_EQ(workers.started, (std::vector<std::int32_t>{1, 2}));
+    workers.exit(101);
+    workers.exit(102);
+    EXPECT_EQ(workers.started, (std::vector<std::int32_t>{1, 2, 3}));
+    EXPECT_TRUE(queue._info.empty());
+    EXPECT_FALSE(queue.is_pending);
+}
+
+TEST_F(Queue, CancelKillsTheRunningOneAtOnceAndLeavesWaitingOnesAlone) {
+    add(1);
+    add(2);
+    EXPECT_EQ(opkg_cancel(queue, workers, 2, 1, 1), kQueueOk);  // waiting: runs later all the same
+    EXPECT_EQ(opkg_cancel(queue, workers, 1, 1, 7), kQueueNotFound);
+    EXPECT_EQ(opkg_cancel(queue, workers, 1, 1, 1), kQueueOk);
+    EXPECT_EQ(workers.killed, (std::vector<pid_t>{100}));
+    EXPECT_EQ(queue._info.size(), 1u);
+    EXPECT_EQ(opkg_cancel(queue, workers, 1, 1, 1), kQueueNotFound);
+    workers.exit(100);  // the killed worker is reaped: the next one starts
+    EXPECT_EQ(workers.started, (std::vector<std::int32_t>{1, 2}));
+}
+
+TEST_F(Queue, AFailedStartWithdrawsOnlyTheNewRequestAndTheOldestRunsNextTime) {
+    add(1);
+    workers.fail_start = true;
+    add(2);                                         // waits behind 1: nothing to start, accepted
+    workers.exit(100);                              // 2 cannot start: it stays for the next attempt
+    EXPECT_EQ(add(3), kQueueStartFailed);           // this request's operation goes, 2 stays
+    ASSERT_EQ(queue._info.size(), 1u);
+    EXPECT_EQ(queue._info.front()->request_id, 2);
+    EXPECT_FALSE(queue.is_pending);
+    workers.fail_start = false;
+    EXPECT_EQ(add(4), kQueueOk);
+    EXPECT_EQ(workers.started, (std::vector<std::int32_t>{1, 2}));
+}
+
+TEST_F(Queue, AWorkerThatCannotBeWatchedIsKilledAndNeverHoldsTheQueue) {
+    workers.fail_watch = true;
+    EXPECT_EQ(add(1), kQueueStartFailed);
+    EXPECT_EQ(workers.killed, (std::vector<pid_t>{100}));
+    EXPECT_TRUE(queue._info.empty());
+    EXPECT_FALSE(queue.is_pending);
+    workers.fail_watch = false;
+    EXPECT_EQ(add(2), kQueueOk);
+    EXPECT_EQ(workers.started.back(), 2);
+}
+
+// Whether `pid` is a live process (not gone, not a zombie waiting to be reaped).
+bool alive(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const std::size_t paren = text.rfind(')');
+    return paren != std::string::npos && paren + 2 < text.size() && text[paren + 2] != 'Z';
+}
+
+// A real worker that starts a process of its own: a cancel leaves neither of them alive, and the
+// queue goes on with the next operation, whose exit the loop reports.
+TEST(ForkedWorkers, CancelEndsTheWholeProcessGroupAndTheQueueGoesOn) {
+    ubus::Loop loop;
+    int pipe_fds[2];
+    ASSERT_EQ(::pipe(pipe_fds), 0);
+    ForkedWorkers workers(loop, [&](const operation_info& o) {
+        if (o.request_id != 1) return;
+        const pid_t grandchild = ::fork();
+        if (grandchild == 0) {
+            ::execlp("sleep", "sleep", "600", static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        (void)!::write(pipe_fds[1], &grandchild, sizeof grandchild);
+        ::pause();
+    });
+    operation_queue queue;
+    ASSERT_EQ(enqueue_operation(queue, workers, op(1)), kQueueOk);
+    pid_t grandchild = 0;
+    ASSERT_EQ(::read(pipe_fds[0], &grandchild, sizeof grandchild), static_cast<ssize_t>(sizeof grandchild));
+    ::close(pipe_fds[0]);
+    ::close(pipe_fds[1]);
+
+    ASSERT_EQ(opkg_cancel(queue, workers, 1, 1, 1), kQueueOk);
+    EXPECT_TRUE(testsupport::poll_until(std::chrono::seconds(10), [&] { return !alive(grandchild); }));
+    ASSERT_EQ(enqueue_operation(queue, workers, op(2)), kQueueOk);
+
+    std::function<void()> until_empty = [&] {
+        if (queue._info.empty() && !queue.is_pending)
+            loop.stop();
+        else
+            loop.add_timer(std::chrono::milliseconds(5), until_empty);
+    };
+    loop.add_timer(std::chrono::milliseconds(0), until_empty);
+    loop.run();
+    EXPECT_TRUE(queue._info.empty());
+}
+
+}  // namespace
+}  // namespace pkgd
