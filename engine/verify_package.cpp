@@ -85,7 +85,7 @@ void clean_up(int dir_fd, const std::array<std::string_view, N>& names) {
 template <std::size_t N>
 std::string_view wanted_member(archive_entry* entry, const std::array<std::string_view, N>& wanted) {
     const char* path = archive_entry_pathname(entry);
-    if (!path || archive_entry_filetype(entry) != AE_IFREG) return {};
+    if (!path || archive_entry_filetype(entry) != AE_IFREG || archive_entry_hardlink(entry)) return {};
     std::string_view name = path;
     if (package_opkg_str_starts_with(name, "./")) name.remove_prefix(2);
     for (std::string_view w : wanted)
