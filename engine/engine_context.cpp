@@ -17,7 +17,9 @@ public:
     void event(const lcm_event& ev, std::string_view key, std::string_view value) override {
         package_event(ev, key, value);
     }
-    void report(const operation_info& op, const cwmp_fault& fault) override { package_response2lcm(op, fault); }
+    void report(const operation_info& op, const cwmp_fault& fault) override {
+        package_response2lcm(op, fault);
+    }
     std::int32_t create_du_instance() override { return package_xml_create_du_instance(); }
     std::int32_t create_eu_instance() override { return package_xml_create_eu_instance(); }
     std::int32_t create_ee_instance() override { return package_xml_create_ee_instance(); }
@@ -50,8 +52,13 @@ engine_context engine_context::gateway() {
     static SyslogSink sink;
     static GatewayPeers peers;
     const ee_identity& identity = package_ee_identity();
-    return engine_context{engine_paths::gateway(identity.id.view()), real_system_env(), real_command_runner(),
-                          RecordFiles::gateway(), identity, sink, peers};
+    return engine_context{engine_paths::gateway(identity.id.view()),
+                          real_system_env(),
+                          real_command_runner(),
+                          RecordFiles::gateway(),
+                          identity,
+                          sink,
+                          peers};
 }
 
 }  // namespace pkgd

@@ -5,9 +5,22 @@ namespace pkgd {
 namespace {
 
 enum OptionRow : std::size_t {
-    ROW_PACKAGE, ROW_VERSION, ROW_FILENAME, ROW_LICENSEFILES, ROW_INSTALLED_SIZE, ROW_DESCRIPTION,
-    ROW_LICENSE, ROW_TAGS, ROW_SECTION, ROW_ARCHITECTURE, ROW_PROVIDES, ROW_MAINTAINER, ROW_SIZE,
-    ROW_MD5SUM, ROW_DEPENDS, ROW_SHA256SUM,
+    ROW_PACKAGE,
+    ROW_VERSION,
+    ROW_FILENAME,
+    ROW_LICENSEFILES,
+    ROW_INSTALLED_SIZE,
+    ROW_DESCRIPTION,
+    ROW_LICENSE,
+    ROW_TAGS,
+    ROW_SECTION,
+    ROW_ARCHITECTURE,
+    ROW_PROVIDES,
+    ROW_MAINTAINER,
+    ROW_SIZE,
+    ROW_MD5SUM,
+    ROW_DEPENDS,
+    ROW_SHA256SUM,
 };
 
 using record_values = std::array<OptText, s_opkg_options.size()>;
@@ -61,7 +74,9 @@ int retrieve_package_info(std::string_view index_text, std::string_view file_nam
             std::string_view line = *piece;
             if (line.front() == '\n' || line.front() == '\r' || line.front() == ' ') break;
             std::size_t row = 0;
-            while (row < s_opkg_options.size() && !package_opkg_str_starts_with(line, s_opkg_options[row].key)) ++row;
+            while (row < s_opkg_options.size() &&
+                   !package_opkg_str_starts_with(line, s_opkg_options[row].key))
+                ++row;
             if (row == s_opkg_options.size()) {
                 if (continuation != kNone && values[continuation]) values[continuation]->append(line);
                 continue;

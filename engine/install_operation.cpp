@@ -17,7 +17,8 @@ struct install_failure {
 };
 
 constexpr install_failure kIrregularPath{kFaultDownloadFailed, kLcmDownloadFailed, "irregular pathname"};
-constexpr install_failure kFeedRefresh{kFaultDownloadFailed, kLcmDownloadFailed, "unable to update package list"};
+constexpr install_failure kFeedRefresh{kFaultDownloadFailed, kLcmDownloadFailed,
+                                       "unable to update package list"};
 constexpr install_failure kNoFeedRecord{kFaultInvalidArguments, kLcmDownloadFailed,
                                         "unable to retrieve package information from Packages.gz"};
 constexpr install_failure kNoStoredDu{kFaultDownloadFailed, kLcmDownloadFailed,
@@ -66,7 +67,8 @@ std::string installed_check_path(const engine_context& ctx, const pkg_info& pkg)
     // The board's path "/usr/lib/opkg/info/<name>.control" is cut at 255 bytes.
     constexpr std::size_t kBoardInfoDir = std::string_view("/usr/lib/opkg/info").size();
     std::string path = ctx.paths.info_dir + "/" + pkg.du.name.value_or("") + ".control";
-    const std::size_t max = 255 + (ctx.paths.info_dir.size() > kBoardInfoDir ? ctx.paths.info_dir.size() - kBoardInfoDir : 0);
+    const std::size_t max =
+        255 + (ctx.paths.info_dir.size() > kBoardInfoDir ? ctx.paths.info_dir.size() - kBoardInfoDir : 0);
     if (path.size() > max) path.resize(max);
     return path;
 }
@@ -77,7 +79,8 @@ const install_failure* install_steps(engine_context& ctx, operation_info& op, co
     pkg_info& pkg = *op.pkg;
     if (op.operate_duid == 0) {
         if (package_opkg_update(ctx, pkg) != 0) return &kFeedRefresh;
-        if (package_opkg_retrieve_package_info(ctx, file_name, pkg.version, pkg.du) != 0) return &kNoFeedRecord;
+        if (package_opkg_retrieve_package_info(ctx, file_name, pkg.version, pkg.du) != 0)
+            return &kNoFeedRecord;
     } else if (ctx.records.load_du(pkg, op.operate_duid) != 0) {
         return &kNoStoredDu;
     }
@@ -90,7 +93,8 @@ const install_failure* install_steps(engine_context& ctx, operation_info& op, co
     const auto size = static_cast<std::int32_t>(pkg.du.size);
     if (size == 0 || package_opkg_get_sys_mem(size, ctx.sys) != 0) return &kNoMemory;
     if (package_opkg_check_disk_size(size, ctx.sys) != 0) return &kNoDisk;
-    if (ctx.commands.run({"opkg", "download", url_without_userinfo(pkg.url), "-f", ctx.paths.conf, "-e", "3600"}) != 0)
+    if (ctx.commands.run(
+            {"opkg", "download", url_without_userinfo(pkg.url), "-f", ctx.paths.conf, "-e", "3600"}) != 0)
         return &kDownload;
     if (verify_package(ctx, local_path, op) != 0) return &kCheck;
     package_event_about(ctx, kLcmDownloadComplete, pkg);
@@ -135,7 +139,8 @@ int package_opkg_install_operate(engine_context& ctx, operation_info& op) {
     } else {
         ctx.peers.report(op, kFaultNone);
         package_event_about(ctx, kLcmInstallComplete, pkg);
-        if (pkg.du.pkgtype == PKGTYPE_EE) ctx.peers.event(kLcmExecEnvAdded, kLcmExecEnvIdKey, ee_event_value(pkg));
+        if (pkg.du.pkgtype == PKGTYPE_EE)
+            ctx.peers.event(kLcmExecEnvAdded, kLcmExecEnvIdKey, ee_event_value(pkg));
         if (package_ispkgactive(pkg, ctx.sys) == 0) package_event_about(ctx, kLcmPackageEnabled, pkg);
         log_operation(ctx, "Install package %s from %s in %s complete.\n", pkg);
     }

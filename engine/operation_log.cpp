@@ -7,7 +7,8 @@ namespace pkgd {
 void log_operation(engine_context& ctx, std::string_view format, const pkg_info& pkg) {
     const std::string url = url_without_userinfo(pkg.url);
     const bool with_url = format.find("%s from %s in %s") != std::string_view::npos;
-    const std::string_view args[3] = {pkg.du.uuid.view(), with_url ? std::string_view(url) : ctx.identity.name.view(),
+    const std::string_view args[3] = {pkg.du.uuid.view(),
+                                      with_url ? std::string_view(url) : ctx.identity.name.view(),
                                       ctx.identity.name.view()};
     std::string line;
     std::size_t next = 0;

@@ -12,7 +12,8 @@ struct update_failure {
 };
 
 constexpr update_failure kFeedRefresh{kFaultDownloadFailed, "unable to update package list"};
-constexpr update_failure kNoFeedRecord{kFaultInvalidArguments, "unable to retrieve package information from Packages.gz"};
+constexpr update_failure kNoFeedRecord{kFaultInvalidArguments,
+                                       "unable to retrieve package information from Packages.gz"};
 constexpr update_failure kNoMemory{kFaultNoResources, "insufficient memory"};
 constexpr update_failure kNoDisk{kFaultNoResources, ""};
 constexpr update_failure kDownload{kFaultDownloadFailed, "unable to download package"};
@@ -21,7 +22,8 @@ constexpr update_failure kInstall{kFaultRequestDenied, "package install failed"}
 
 void announce_failure(engine_context& ctx, const operation_info& op, const update_failure& f) {
     if (!f.reason.empty())
-        log_operation(ctx, "Update package %s from %s in %s failed for " + std::string(f.reason) + ".\n", *op.pkg);
+        log_operation(ctx, "Update package %s from %s in %s failed for " + std::string(f.reason) + ".\n",
+                      *op.pkg);
     ctx.peers.report(op, f.fault);
     package_event_about(ctx, kLcmUpdateFailed, *op.pkg);
 }
@@ -50,15 +52,16 @@ void refresh_records(engine_context& ctx, const operation_info& op) {
     store_pkg_record(ctx, pkg);
 }
 
-const update_failure* update_steps(engine_context& ctx, const operation_info& op, const std::string& file_name,
-                                   const std::string& local_path) {
+const update_failure* update_steps(engine_context& ctx, const operation_info& op,
+                                   const std::string& file_name, const std::string& local_path) {
     pkg_info& pkg = *op.pkg;
     if (package_opkg_update(ctx, pkg) != 0) return &kFeedRefresh;
     if (package_opkg_retrieve_package_info(ctx, file_name, pkg.version, pkg.du) != 0) return &kNoFeedRecord;
     const auto size = static_cast<std::int32_t>(pkg.du.size);
     if (package_opkg_get_sys_mem(size, ctx.sys) != 0) return &kNoMemory;
     if (package_opkg_check_disk_size(size, ctx.sys) != 0) return &kNoDisk;
-    if (ctx.commands.run({"opkg", "download", url_without_userinfo(pkg.url), "-f", ctx.paths.conf, "-e", "3600"}) != 0)
+    if (ctx.commands.run(
+            {"opkg", "download", url_without_userinfo(pkg.url), "-f", ctx.paths.conf, "-e", "3600"}) != 0)
         return &kDownload;
     if (verify_package(ctx, local_path, op) != 0) return &kCheck;
     ctx.peers.stop(pkg);

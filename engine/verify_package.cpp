@@ -43,9 +43,9 @@ constexpr std::array<std::string_view, 5> kMembers{"debian-binary", "control.tar
                                                    "checksum.sha256", "checksum.sig"};
 constexpr std::array<std::string_view, 5> kCleanupA{"checksum.sha256", "checksum.sig", "control.tar.gz",
                                                     "data.tar.gz", "debian-binary"};
-constexpr std::array<std::string_view, 7> kCleanupB{"checksum.sha256", "checksum.sig",   "control.tar.gz",
-                                                    "control.tar.gz.sha256", "data.tar.gz",
-                                                    "data.tar.gz.sha256", "debian-binary"};
+constexpr std::array<std::string_view, 7> kCleanupB{
+    "checksum.sha256", "checksum.sig",       "control.tar.gz", "control.tar.gz.sha256",
+    "data.tar.gz",     "data.tar.gz.sha256", "debian-binary"};
 constexpr std::string_view kControlDir = "template_PKG_control";
 
 // Removes everything inside the directory `dir_fd` refers to, never following a link: an earlier,
@@ -67,7 +67,8 @@ void empty_directory(int dir_fd) {
         struct stat st {};
         if (::fstatat(dir_fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
         if (S_ISDIR(st.st_mode)) {
-            const ubus::UniqueFd sub(::openat(dir_fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            const ubus::UniqueFd sub(
+                ::openat(dir_fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (sub) empty_directory(sub.get());
             ::unlinkat(dir_fd, name.c_str(), AT_REMOVEDIR);
         } else {
@@ -181,7 +182,8 @@ std::optional<std::string> file_sha256(const std::string& path) {
 }
 
 bool digests_match(const engine_context& ctx) {
-    const std::optional<std::string> list = read_text_file(member_path(ctx.paths.work_dir, "checksum.sha256"));
+    const std::optional<std::string> list =
+        read_text_file(member_path(ctx.paths.work_dir, "checksum.sha256"));
     const std::optional<std::string> data = file_sha256(member_path(ctx.paths.work_dir, "data.tar.gz"));
     const std::optional<std::string> control = file_sha256(member_path(ctx.paths.work_dir, "control.tar.gz"));
     if (!list || !data || !control) return false;
@@ -218,7 +220,9 @@ int control_matches(const engine_context& ctx, std::string_view name) {
 
 }  // namespace
 
-std::uint64_t outer_extract_limit(std::uint64_t package_size) { return 2 * package_size + kMemberMargin; }
+std::uint64_t outer_extract_limit(std::uint64_t package_size) {
+    return 2 * package_size + kMemberMargin;
+}
 
 std::array<std::optional<std::string>, 2> read_checksum_digests(std::string_view text) {
     std::array<std::optional<std::string>, 2> digests;
@@ -247,12 +251,14 @@ int check_control_name(std::string_view control_text, std::string_view name) {
 int verify_package(engine_context& ctx, const std::string& package_path, const operation_info& op) {
     if (!op.pkg) return -1;
     ::mkdir(ctx.paths.work_dir.c_str(), 0700);
-    const ubus::UniqueFd dir(::open(ctx.paths.work_dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const ubus::UniqueFd dir(
+        ::open(ctx.paths.work_dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!dir) return -1;
     empty_directory(dir.get());
 
     struct stat st {};
-    const std::uint64_t package_size = ::stat(package_path.c_str(), &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
+    const std::uint64_t package_size =
+        ::stat(package_path.c_str(), &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
     if (unpack_members(package_path, dir.get(), outer_extract_limit(package_size)) == Unpack::bomb ||
         !signature_valid(ctx)) {
         clean_up(dir.get(), kCleanupA);

@@ -38,10 +38,22 @@ struct opkg_option {
     bool single_line;
 };
 inline constexpr std::array<opkg_option, 16> s_opkg_options{{
-    {"Package:", true},    {"Version:", true},     {"Filename:", true},   {"LicenseFiles:", true},
-    {"Installed-Size:", true}, {"Description:", false}, {"License:", true}, {"Tags:", false},
-    {"Section:", true},    {"Architecture:", true}, {"Provides:", true},  {"Maintainer:", true},
-    {"Size:", true},       {"MD5Sum:", true},       {"Depends:", true},   {"SHA256sum:", true},
+    {"Package:", true},
+    {"Version:", true},
+    {"Filename:", true},
+    {"LicenseFiles:", true},
+    {"Installed-Size:", true},
+    {"Description:", false},
+    {"License:", true},
+    {"Tags:", false},
+    {"Section:", true},
+    {"Architecture:", true},
+    {"Provides:", true},
+    {"Maintainer:", true},
+    {"Size:", true},
+    {"MD5Sum:", true},
+    {"Depends:", true},
+    {"SHA256sum:", true},
 }};
 
 bool package_opkg_str_starts_with(std::string_view text, std::string_view prefix);

@@ -1,7 +1,6 @@
 // Arguments reach the command unchanged and unexpanded, and run_command reports what ran.
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -26,7 +25,8 @@ TEST(RunCommand, ArgumentsArriveUnchangedAndNothingIsInherited) {
     ASSERT_NE(::mkdtemp(dir), nullptr);
     const std::string out = std::string(dir) + "/out";
     // printf writes its one argument back exactly: anything a shell expanded would differ.
-    for (const std::string text : {"plain", "it's", "a b  c", "$(touch x)", "`id`; rm -rf /x", "'\"\\\n", ""}) {
+    for (const std::string text :
+         {"plain", "it's", "a b  c", "$(touch x)", "`id`; rm -rf /x", "'\"\\\n", ""}) {
         SCOPED_TRACE(text);
         ASSERT_EQ(run_command({"sh", "-c", "printf %s \"$1\" > \"$2\"", "sh", text, out}), 0);
         EXPECT_EQ(read_file(out), text);
@@ -34,7 +34,8 @@ TEST(RunCommand, ArgumentsArriveUnchangedAndNothingIsInherited) {
     // Standard input is /dev/null, and a descriptor the caller holds open does not leak.
     const int held = ::open(out.c_str(), O_RDONLY);
     ASSERT_GE(held, 3);
-    const std::string script = "cat > \"$1\"; [ -e /proc/self/fd/" + std::to_string(held) + " ] && echo leaked >> \"$1\"";
+    const std::string script =
+        "cat > \"$1\"; [ -e /proc/self/fd/" + std::to_string(held) + " ] && echo leaked >> \"$1\"";
     ASSERT_EQ(run_command({"sh", "-c", script, "sh", out}), 1);
     EXPECT_EQ(read_file(out), "");
     ::close(held);
