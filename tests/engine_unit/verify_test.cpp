@@ -1,5 +1,4 @@
-// Verification of packages made like the feed tools make them, and of hostile ones.
-#include <archive_entry.h>
+// Verification of packages made as the feed tools make them, and of hostile ones.
 #include <gtest/gtest.h>
 
 #include "rig.hpp"
@@ -8,12 +7,11 @@
 namespace pkgd::testing {
 namespace {
 
-struct VerifyFixture : ::testing::Test {
+struct Verify : ::testing::Test {
     Rig rig;
-    signer ca = make_signer(nullptr);
-    signer good = make_signer(&ca);
+    signer ca{nullptr}, good{&ca};
     operation_info op = Rig::new_operation();
-    VerifyFixture() {
+    Verify() {
         rig.write("/etc/opkg/opkg.pem", ca.pem());
         op.pkg->du.name = "hello";
     }
@@ -23,17 +21,9 @@ struct VerifyFixture : ::testing::Test {
     }
 };
 
-TEST_F(VerifyFixture, AcceptsOnlyASignedIntactPackageOfTheNamedPackage) {
-    const signer other_ca = make_signer(nullptr);
-    const signer stranger = make_signer(&other_ca);
-    const signer expired = make_signer(&ca, -86400 * 30, -86400);
-    struct row {
-        std::string label;
-        const signer* by;
-        std::function<void(ipk_options&)> edit;
-        bool passes;
-    };
-    std::vector<row> rows{
+TEST_F(Verify, OnlyASignedIntactPackageOfTheNamedPackagePasses) {
+    const signer other_ca{nullptr}, stranger{&other_ca}, expired{&ca, -86400 * 30, -86400};
+    const std::vector<std::tuple<std::string, const signer*, std::function<void(ipk_options&)>, bool>> rows{
         {"good", &good, {}, true},
         {"./ members", &good, [](ipk_options& o) { o.prefix = "./"; }, true},
         {"no Package line", &good, [](ipk_options& o) { o.control = "Version: 1\n"; }, true},
@@ -41,42 +31,41 @@ TEST_F(VerifyFixture, AcceptsOnlyASignedIntactPackageOfTheNamedPackage) {
         {"untrusted signer", &stranger, {}, false},
         {"expired signer", &expired, {}, false},
         {"digest mismatch", &good, [](ipk_options& o) { o.bad_digest = true; }, false},
-        {"control name mismatch", &good, [](ipk_options& o) { o.control = "Package: other\n"; }, false},
-        {"blank after name", &good, [](ipk_options& o) { o.control = "Package: hello \n"; }, false},
+        {"other name", &good, [](ipk_options& o) { o.control = "Package: other\n"; }, false},
+        {"control bomb", &good, [](ipk_options& o) { o.control += std::string(kControlFileMax, 'x'); },
+         false},
+        {"outer bomb", &good,
+         [](ipk_options& o) {
+             o.extra = {{"data.tar.gz", std::string(4 << 20, '\0')}};
+         },
+         false},
     };
-    for (const row& r : rows) {
-        SCOPED_TRACE(r.label);
+    for (const auto& [label, by, edit, passes] : rows) {
+        SCOPED_TRACE(label);
         std::string sig;
-        const std::string ipk = build_ipk(*r.by, r.edit, &sig);
+        const std::string ipk = build_ipk(*by, edit, &sig);
         // A signature left by an interrupted run must not stand in for a missing one.
         rig.write("/tmp/opkg-1/checksum.sig", sig);
-        EXPECT_EQ(verify(ipk) == 0, r.passes);
-        // Only the emptied control directory stays behind.
-        std::vector<std::string> left;
+        EXPECT_EQ(verify(ipk) == 0, passes);
+        strings left;
         for (const auto& e : std::filesystem::directory_iterator(rig.root + "/tmp/opkg-1"))
             left.push_back(e.path().filename());
-        EXPECT_TRUE(left.empty() || left == std::vector<std::string>{"template_PKG_control"});
+        EXPECT_TRUE(left.empty() || left == strings{"template_PKG_control"});
     }
     rig.clock += 86400 * 400;  // the signer's certificate has run out
     EXPECT_NE(verify(build_ipk(good)), 0);
 }
 
-TEST_F(VerifyFixture, HostileMembersAreNeverWritten) {
+TEST_F(Verify, HostileMembersAreNeverWritten) {
     const std::string outside = rig.root + "/outside";
-    const std::vector<member> hostile{{"../../escape", "x"}, {outside, "x"}, {"./../escape2", "x"},
-                                      {"debian-binary", "", AE_IFLNK, outside},
-                                      {"checksum.sig", "", AE_IFCHR}, {"stranger", "x"}};
+    const std::vector<member> hostile{
+        {"../../escape", "x"},          {outside, "x"},
+        {"./../escape2", "x"},          {"debian-binary", "", AE_IFLNK, outside},
+        {"checksum.sig", "", AE_IFCHR}, {"stranger", "x"}};
     EXPECT_EQ(verify(build_ipk(good, [&](ipk_options& o) { o.extra = hostile; })), 0);
     EXPECT_FALSE(rig.exists("/escape") || rig.exists("/escape2") || rig.exists("/outside") ||
                  rig.exists("/tmp/escape") || rig.exists("/tmp/opkg-1/stranger"));
     EXPECT_EQ(verify("not an archive"), -1);
-}
-
-TEST_F(VerifyFixture, RefusesABombAndAnUnreadableControlArchive) {
-    EXPECT_NE(verify(build_ipk(good, [](ipk_options& o) { o.extra = {{"data.tar.gz", std::string(4 << 20, '\0')}}; })), 0);
-    EXPECT_LT(build_ipk(good).size(), outer_extract_limit(0));
-    // A control file above its bound.
-    EXPECT_NE(verify(build_ipk(good, [](ipk_options& o) { o.control = "Package: hello\n" + std::string(kControlFileMax, 'x'); })), 0);
 }
 
 }  // namespace
