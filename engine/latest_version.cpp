@@ -1,6 +1,8 @@
 // Whether the feed offers a newer version of an installed package. The query refreshes into its
 // own configuration and lists directory, so it can run beside an operation without replacing the
 // operation's configuration or feed index.
+#include <sys/stat.h>
+
 #include "pkgd/engine_parts.hpp"
 #include "pkgd/text.hpp"
 
@@ -43,6 +45,7 @@ int package_opkg_islatestversion(engine_context& ctx, const pkg_info& pkg) {
     if (package_opkg_create_conf(ctx.paths, ctx.paths.query_conf, split->first.c_str(), pkg.username.c_str(),
                                  pkg.password.c_str(), ctx.paths.query_lists_dir) != 0)
         return 0;
+    ::mkdir(ctx.paths.query_lists_dir.c_str(), 0700);
     ctx.commands.run({"opkg", "update", "-f", ctx.paths.query_conf});  // a failed refresh keeps the old index
     const std::optional<std::string> index = read_text_file(ctx.paths.query_lists_dir + "/ipklist");
     const std::string latest = index ? latest_feed_version(*index, pkg.du.name.value_or("")) : std::string();
