@@ -2,7 +2,7 @@
 #pragma once
 
 #include <string>
-#include <string_view>
+#include <vector>
 
 namespace pkgd {
 
@@ -11,12 +11,21 @@ namespace pkgd {
 void log_sys(int level, int category, int reserved1, int reserved2, const char* fmt, ...)
     __attribute__((format(printf, 5, 6)));
 
-// Formats a command line (at most 4095 characters) and runs it through /bin/sh. Returns the
-// command's exit status, or -1 when it could not be run, was cut by the length limit, or ended
-// by a signal. Callers quote request data with shell_quote().
-int SYSTEM(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// Runs argv[0] (looked up in PATH when it has no "/") with the arguments as given: no shell ever
+// sees them, so request and feed data cannot become commands. Standard input is /dev/null and no
+// descriptor beyond the standard three is inherited. Returns the exit status, or -1 when the
+// command could not be started or ended by a signal.
+int run_command(const std::vector<std::string>& argv);
 
-// `text` as one single-quoted shell word: 'it'\''s'.
-std::string shell_quote(std::string_view text);
+// The seam through which the engine runs its commands, so tests can record the argument vectors
+// and make any command fail.
+class CommandRunner {
+public:
+    virtual ~CommandRunner() = default;
+    virtual int run(const std::vector<std::string>& argv) = 0;
+};
+
+// The runner that calls run_command.
+CommandRunner& real_command_runner();
 
 }  // namespace pkgd
