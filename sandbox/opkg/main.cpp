@@ -1,6 +1,12 @@
 // The sandbox gateway's package tool, installed in every sandbox root as /bin/opkg.
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+
+#include <filesystem>
+#include <optional>
+#include <system_error>
 
 #include <cerrno>
 #include <cstdio>
@@ -18,6 +24,15 @@ void report(std::string_view message) {
 }  // namespace opkg
 
 namespace {
+
+// Installs and removals change the package database: one at a time, whoever started them.
+struct DatabaseLock {
+    explicit DatabaseLock(const std::string& path)
+        : fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+        if (fd) ::flock(fd.get(), LOCK_EX);  // released when the descriptor closes
+    }
+    opkg::UniqueFd fd;
+};
 
 struct CurlGlobal {
     CurlGlobal() { curl_global_init(CURL_GLOBAL_DEFAULT); }
@@ -63,6 +78,12 @@ int main(int argc, char** argv) {
         report("unknown command " + context.invocation.command);
         std::fputs(usage_text().c_str(), stderr);
         return exit_usage;
+    }
+    std::optional<DatabaseLock> lock;
+    if (command->first == "install" || command->first == "remove") {
+        std::error_code ignored;
+        std::filesystem::create_directories(context.path(info_dir_inside), ignored);
+        lock.emplace(context.path("/usr/lib/opkg/lock"));
     }
     const CurlGlobal curl;
     return command->second(context);
