@@ -3,7 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 #include <cstdlib>
 #include <vector>
 
@@ -25,6 +29,22 @@ std::string file_name_of(std::string_view url) {
     return std::string(name);
 }
 
+// The partial file's name, for a signal that ends the download: whoever stops us (a caller's own
+// time limit) must not find half a package under tmp_dir afterwards.
+char partial_path[4096];
+
+void drop_partial(int sig) {
+    ::unlink(partial_path);
+    ::signal(sig, SIG_DFL);
+    ::raise(sig);
+}
+
+void drop_partial_on_signals(const std::vector<char>& path) {
+    if (path.size() > sizeof partial_path) return;
+    std::copy(path.begin(), path.end(), partial_path);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) ::signal(sig, drop_partial);
+}
+
 }  // namespace
 
 int run_download(const Context& context) {
@@ -40,6 +60,8 @@ int run_download(const Context& context) {
     }
     const std::string dir = context.path(context.config.tmp_dir);
     const std::string target = dir + "/" + name;
+    std::error_code ignored;
+    std::filesystem::create_directories(dir, ignored);
     std::string pattern = dir + "/." + name + ".XXXXXX";
     std::vector<char> partial(pattern.begin(), pattern.end());
     partial.push_back('\0');
@@ -48,14 +70,16 @@ int run_download(const Context& context) {
         report("cannot create a file in " + dir + ": " + errno_text());
         return exit_failed;
     }
+    drop_partial_on_signals(partial);
     std::printf("Downloading %s.\n", printable_url(url).c_str());
     std::string error = fetch_to_fd(url, fd.get(), context.fetch_options());
     if (error.empty() && (::fchmod(fd.get(), 0644) != 0 || ::fsync(fd.get()) != 0))
         error = target + ": " + errno_text();
     fd = UniqueFd();
     if (error.empty() && ::rename(partial.data(), target.c_str()) != 0) error = target + ": " + errno_text();
+    if (!error.empty()) ::unlink(partial.data());
+    partial_path[0] = '\0';  // nothing of ours to drop any more
     if (!error.empty()) {
-        ::unlink(partial.data());
         report("download failed: " + error);
         return exit_failed;
     }

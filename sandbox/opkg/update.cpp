@@ -1,5 +1,7 @@
 // `opkg update`: each feed's index is fetched, checked and only then put in place of the old one.
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 #include "archive_io.hpp"
 #include "context.hpp"
@@ -37,7 +39,10 @@ std::string update_feed(const Context& context, const Feed& feed) {
         if (std::string error = verify_detached_signature(index, signature, ca_file, ca_path); !error.empty())
             return printable_url(signature_url) + ": " + error;
     }
-    const std::string target = context.path(context.config.lists_dir) + "/" + feed.name;
+    const std::string lists = context.path(context.config.lists_dir);
+    std::error_code ignored;
+    std::filesystem::create_directories(lists, ignored);  // a query may name a directory of its own
+    const std::string target = lists + "/" + feed.name;
     if (std::string error = replace_file(target, index, 0644); !error.empty()) return error;
     std::printf("Updated list of available packages in %s\n", target.c_str());
     return {};
