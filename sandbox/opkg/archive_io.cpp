@@ -76,7 +76,11 @@ std::optional<std::vector<ArchiveMember>> read_archive(std::string_view bytes, s
                 break;
             default: member.kind = ArchiveMember::Kind::other; break;
         }
-        if (member.kind == ArchiveMember::Kind::file && !read_data(a.get(), member.data, error))
+        // ar archives written in deterministic mode carry permission bits only, no file type:
+        // their members' contents are read all the same.
+        const bool has_data = member.kind == ArchiveMember::Kind::file ||
+                              (member.kind == ArchiveMember::Kind::other && !member.hardlink);
+        if (has_data && !read_data(a.get(), member.data, error))
             return std::nullopt;
         members.push_back(std::move(member));
     }
