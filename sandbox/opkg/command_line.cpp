@@ -53,7 +53,8 @@ std::string usage_text() {
            "  install FILE                install or upgrade a package file\n"
            "  remove NAME                 remove an installed package\n"
            "  list-installed              installed packages and their versions\n"
-           "  info NAME                   the control file of an installed package\n";
+           "  info NAME                   the control file of an installed package\n"
+           "  sha256sum FILE              FILE's SHA-256 digest, also left in FILE.sha256\n";
 }
 
 }  // namespace opkg

@@ -37,6 +37,7 @@ int run_install(const Context& context);
 int run_remove(const Context& context);
 int run_list_installed(const Context& context);
 int run_info(const Context& context);
+int run_sha256sum(const Context& context);
 
 // Prints "opkg: MESSAGE" on the error output.
 void report(std::string_view message);

@@ -72,6 +72,7 @@ int main(int argc, char** argv) {
     const std::map<std::string_view, int (*)(const Context&)> commands = {
         {"update", run_update},   {"download", run_download},         {"install", run_install},
         {"remove", run_remove},   {"list-installed", run_list_installed}, {"info", run_info},
+        {"sha256sum", run_sha256sum},
     };
     const auto command = commands.find(context.invocation.command);
     if (command == commands.end()) {
