@@ -1,0 +1,128 @@
+#include "archive_io.hpp"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <sys/stat.h>
+
+#include <memory>
+
+namespace opkg {
+namespace {
+
+struct ReadArchiveFree {
+    void operator()(archive* a) const { archive_read_free(a); }
+};
+using ReadArchive = std::unique_ptr<archive, ReadArchiveFree>;
+
+std::string archive_error(archive* a) {
+    const char* text = archive_error_string(a);
+    return text ? text : "unreadable archive";
+}
+
+// Appends the current entry's data to `out`.
+bool read_data(archive* a, std::string& out, std::string& error) {
+    char buffer[65536];
+    for (;;) {
+        const la_ssize_t n = archive_read_data(a, buffer, sizeof buffer);
+        if (n == 0) return true;
+        if (n < 0) {
+            error = archive_error(a);
+            return false;
+        }
+        out.append(buffer, static_cast<std::size_t>(n));
+    }
+}
+
+}  // namespace
+
+std::optional<std::vector<ArchiveMember>> read_archive(std::string_view bytes, std::string& error) {
+    ReadArchive a(archive_read_new());
+    if (!a) {
+        error = "out of memory";
+        return std::nullopt;
+    }
+    archive_read_support_filter_gzip(a.get());
+    archive_read_support_filter_none(a.get());
+    archive_read_support_format_tar(a.get());
+    archive_read_support_format_gnutar(a.get());
+    archive_read_support_format_ar(a.get());
+    if (archive_read_open_memory(a.get(), bytes.data(), bytes.size()) != ARCHIVE_OK) {
+        error = archive_error(a.get());
+        return std::nullopt;
+    }
+    std::vector<ArchiveMember> members;
+    archive_entry* entry = nullptr;
+    for (;;) {
+        const int status = archive_read_next_header(a.get(), &entry);
+        if (status == ARCHIVE_EOF) break;
+        if (status != ARCHIVE_OK && status != ARCHIVE_WARN) {
+            error = archive_error(a.get());
+            return std::nullopt;
+        }
+        ArchiveMember member;
+        const char* name = archive_entry_pathname(entry);
+        member.name = name ? name : "";
+        member.mode = static_cast<unsigned>(archive_entry_perm(entry));
+        if (const char* target = archive_entry_hardlink(entry)) {
+            member.hardlink = true;
+            member.link = target;
+        }
+        switch (archive_entry_filetype(entry)) {
+            case AE_IFREG: member.kind = ArchiveMember::Kind::file; break;
+            case AE_IFDIR: member.kind = ArchiveMember::Kind::directory; break;
+            case AE_IFLNK:
+                member.kind = ArchiveMember::Kind::symlink;
+                if (const char* target = archive_entry_symlink(entry)) member.link = target;
+                break;
+            default: member.kind = ArchiveMember::Kind::other; break;
+        }
+        // ar archives written in deterministic mode carry permission bits only, no file type:
+        // their members' contents are read all the same.
+        const bool has_data = member.kind == ArchiveMember::Kind::file ||
+                              (member.kind == ArchiveMember::Kind::other && !member.hardlink);
+        if (has_data && !read_data(a.get(), member.data, error))
+            return std::nullopt;
+        members.push_back(std::move(member));
+    }
+    return members;
+}
+
+std::optional<std::string> gunzip(std::string_view bytes, std::string& error) {
+    ReadArchive a(archive_read_new());
+    if (!a) {
+        error = "out of memory";
+        return std::nullopt;
+    }
+    archive_read_support_filter_gzip(a.get());
+    archive_read_support_format_raw(a.get());
+    archive_entry* entry = nullptr;
+    if (archive_read_open_memory(a.get(), bytes.data(), bytes.size()) != ARCHIVE_OK) {
+        error = archive_error(a.get());
+        return std::nullopt;
+    }
+    const int status = archive_read_next_header(a.get(), &entry);
+    if (status != ARCHIVE_OK && status != ARCHIVE_EOF) {
+        error = archive_error(a.get());
+        return std::nullopt;
+    }
+    // The raw reader takes anything; only data that went through the gzip filter counts.
+    if (archive_filter_code(a.get(), 0) != ARCHIVE_FILTER_GZIP) {
+        error = "not gzip data";
+        return std::nullopt;
+    }
+    std::string out;
+    if (status == ARCHIVE_EOF) return out;  // an empty feed
+    if (!read_data(a.get(), out, error)) return std::nullopt;
+    return out;
+}
+
+const ArchiveMember* find_member(const std::vector<ArchiveMember>& members, std::string_view name) {
+    for (const ArchiveMember& member : members) {
+        std::string_view candidate = member.name;
+        if (candidate.substr(0, 2) == "./") candidate.remove_prefix(2);
+        if (candidate == name) return &member;
+    }
+    return nullptr;
+}
+
+}  // namespace opkg

@@ -1,0 +1,81 @@
+#include "files.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace opkg {
+
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+}
+
+UniqueFd::~UniqueFd() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+std::string errno_text() { return std::strerror(errno); }
+
+std::optional<std::string> read_file(const std::string& path, std::string* error) {
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
+        if (error) *error = path + ": " + errno_text();
+        return std::nullopt;
+    }
+    std::string out;
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+        if (n == 0) return out;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            if (error) *error = path + ": " + errno_text();
+            return std::nullopt;
+        }
+        out.append(buffer, static_cast<std::size_t>(n));
+    }
+}
+
+bool write_all(int fd, std::string_view data) {
+    while (!data.empty()) {
+        const ssize_t n = ::write(fd, data.data(), data.size());
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
+std::string replace_file(const std::string& path, std::string_view content, mode_t mode) {
+    const std::size_t slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const std::string leaf = slash == std::string::npos ? path : path.substr(slash + 1);
+    std::string pattern = dir + "." + leaf + ".XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    UniqueFd fd(::mkostemp(name.data(), O_CLOEXEC));
+    if (!fd) return path + ": cannot create a file beside it: " + errno_text();
+    const bool written = write_all(fd.get(), content) && ::fchmod(fd.get(), mode) == 0 &&
+                         ::fsync(fd.get()) == 0;
+    const std::string failure = written ? std::string{} : path + ": " + errno_text();
+    fd = UniqueFd();
+    if (!written || ::rename(name.data(), path.c_str()) != 0) {
+        const std::string reason = written ? path + ": " + errno_text() : failure;
+        ::unlink(name.data());
+        return reason;
+    }
+    return {};
+}
+
+}  // namespace opkg

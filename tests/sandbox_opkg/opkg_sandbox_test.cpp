@@ -1,0 +1,204 @@
+// The package tool inside a sandbox gateway, run as pkgd runs it: feeds and packages as file://
+// URLs and files in the root.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+
+#include "ipk_builder.hpp"
+#include "sandbox/gateway.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using opkgtest::Member;
+
+class OpkgSandbox : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        sandbox::GatewayOptions options;
+        options.name = "opkg";
+        options.broker = false;
+        options.tools = {{OPKG_PATH, "/bin/opkg"}};
+        gw_ = std::make_unique<sandbox::Gateway>(options);
+    }
+    static void TearDownTestSuite() { gw_.reset(); }
+    void SetUp() override { ASSERT_TRUE(gw_->up()) << gw_->error(); }
+
+    static sandbox::CommandResult opkg(std::vector<std::string> args) {
+        args.insert(args.begin(), "/bin/opkg");
+        return gw_->run(args);
+    }
+    static void put(const std::string& inside, const std::string& content) {
+        const fs::path host = gw_->path(inside);
+        fs::create_directories(host.parent_path());
+        std::ofstream(host, std::ios::binary) << content;
+    }
+    static std::string read(const std::string& inside) {
+        std::ifstream in(gw_->path(inside), std::ios::binary);
+        std::stringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+    static bool exists(const std::string& inside) { return fs::exists(fs::symlink_status(gw_->path(inside))); }
+    // Every path below these directories with its contents or link target: the state an install
+    // that fails must leave as it found it.
+    static std::map<std::string, std::string> snapshot() {
+        std::map<std::string, std::string> state;
+        for (const char* top : {"/opt", "/etc", "/usr/lib/opkg/info"})
+            for (const auto& e : fs::recursive_directory_iterator(gw_->path(top))) {
+                const std::string inside = "/" + e.path().lexically_relative(gw_->root()).string();
+                state[inside] = e.is_symlink() ? "-> " + fs::read_symlink(e.path()).string()
+                                : e.is_regular_file() ? read(inside) : "dir";
+            }
+        return state;
+    }
+    static std::string script(const std::string& name, const std::string& body) {
+        return "#!/bin/sh\necho \"$1\" >> /tmp/" + name + ".log\n" + body;
+    }
+    static std::string control(const std::string& name, const std::string& version) {
+        return "Package: " + name + "\nVersion: " + version + "\nArchitecture: arm\nDescription: test\n more\n";
+    }
+    static inline std::unique_ptr<sandbox::Gateway> gw_;
+};
+
+TEST_F(OpkgSandbox, UpdateReplacesTheIndexOnlyWhenItsSignatureHolds) {
+    const opkgtest::Signer trusted, stranger, expired(-20, 10);
+    put("/etc/opkg/ca.pem", trusted.certificate_pem());
+    const std::string index = "Package: a\nVersion: 2\nFilename: a_2.ipk\nSize: 10\n\n";
+    const struct {
+        const char* name;
+        bool check;
+        std::string signature;  // empty: none published
+        bool updated;
+    } cases[] = {
+        {"good", true, trusted.sign(index), true},
+        {"unsigned", false, "", true},
+        {"missing", true, "", false},
+        {"stranger", true, stranger.sign(index), false},
+        {"expired", true, expired.sign(index), false},
+        {"tampered", true, trusted.sign(index + "Package: evil\n"), false},
+        {"garbage", true, "not a signature", false},
+    };
+    for (const auto& c : cases) {
+        const std::string feed = std::string("/srv/") + c.name;
+        put(feed + "/Packages.gz", opkgtest::gzip(index));
+        if (!c.signature.empty()) put(feed + "/Packages.sig", c.signature);
+        const std::string lists = std::string("/var/lists-") + c.name;
+        put(lists + "/ipklist", "old index\n");
+        put("/tmp/update.conf", "src/gz ipklist file://" + feed + "\narch arm 100\noption proxy_passwd S3cr3t\n" +
+                                    "option lists_dir ext " + lists + "\n" +
+                                    (c.check ? "option check_signature\noption signature_ca_file /etc/opkg/ca.pem\n" : ""));
+        const sandbox::CommandResult r = opkg({"update", "-f", "/tmp/update.conf"});
+        EXPECT_EQ(r.ok(), c.updated) << c.name << ": " << r.err;
+        EXPECT_EQ(read(lists + "/ipklist"), c.updated ? index : "old index\n") << c.name;
+        EXPECT_EQ(std::distance(fs::directory_iterator(gw_->path(lists)), {}), 1) << c.name;  // no leftovers
+        EXPECT_EQ((r.out + r.err).find("S3cr3t"), std::string::npos) << c.name;
+    }
+}
+
+TEST_F(OpkgSandbox, DownloadLeavesTheWholeFileOrNothing) {
+    put("/srv/pkgs/p_1_arm.ipk", "package bytes");
+    put("/tmp/dl.conf", "option tmp_dir /var/dl\n");
+    fs::create_directories(gw_->path("/var/dl"));
+    EXPECT_TRUE(opkg({"download", "file:///srv/pkgs/p_1_arm.ipk", "-f", "/tmp/dl.conf", "-e", "3600"}).ok());
+    EXPECT_EQ(read("/var/dl/p_1_arm.ipk"), "package bytes");
+    fs::remove(gw_->path("/var/dl/p_1_arm.ipk"));
+    const sandbox::CommandResult missing = opkg({"-f", "/tmp/dl.conf", "download", "file:///srv/pkgs/none.ipk"});
+    EXPECT_NE(missing.exit_code, 0);
+    EXPECT_FALSE(missing.err.empty());
+    EXPECT_TRUE(fs::is_empty(gw_->path("/var/dl")));
+}
+
+TEST_F(OpkgSandbox, Sha256sumLeavesTheBareDigestBesideTheFile) {
+    put("/tmp/work/data.tar.gz", "abc");
+    const sandbox::CommandResult r = opkg({"sha256sum", "/tmp/work/data.tar.gz"});
+    const std::string digest = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+    EXPECT_EQ(r.out, digest + "\n");
+    EXPECT_EQ(read("/tmp/work/data.tar.gz.sha256"), digest);  // no line end: compared as read
+    EXPECT_EQ(opkg({"sha256sum", "/tmp/work/none"}).exit_code, 1);
+}
+
+TEST_F(OpkgSandbox, InstallUpgradeAndRemoveKeepFilesAndRecordsInStep) {
+    const std::vector<Member> scripts{{"./postinst", script("tool-postinst", ""), Member::Kind::file, 0755},
+                                      {"./prerm", script("tool-prerm", ""), Member::Kind::file, 0755}};
+    put("/tmp/tool_1.ipk", opkgtest::ipk(control("tool", "1.0"),
+                                         {{"./opt/tool/", "", Member::Kind::directory, 0755},
+                                          {"./opt/tool/bin", "v1", Member::Kind::file, 0755},
+                                          {"./opt/tool/old.conf", "old"},
+                                          {"./opt/tool/lib/x", "x"},
+                                          {"./etc/init.d/tool", "#!/bin/sh\n", Member::Kind::file, 0755}},
+                                         scripts));
+    ASSERT_TRUE(opkg({"install", "/tmp/tool_1.ipk"}).ok());
+    EXPECT_EQ(read("/opt/tool/bin"), "v1");
+    EXPECT_EQ(fs::status(gw_->path("/opt/tool/bin")).permissions() & fs::perms::owner_exec, fs::perms::owner_exec);
+    EXPECT_EQ(read("/usr/lib/opkg/info/tool.control"), control("tool", "1.0"));
+    EXPECT_EQ(read("/usr/lib/opkg/info/tool.list"), "/opt/tool/bin\n/opt/tool/old.conf\n/opt/tool/lib/x\n/etc/init.d/tool\n");
+    EXPECT_EQ(read("/tmp/tool-postinst.log"), "configure\n");
+    EXPECT_EQ(opkg({"list-installed"}).out, "tool - 1.0\n");
+
+    put("/tmp/tool_2.ipk", opkgtest::ipk(control("tool", "2.0"),
+                                         {{"./opt/tool/bin", "v2", Member::Kind::file, 0755},
+                                          {"./opt/tool/ln", "bin", Member::Kind::symlink, 0777},
+                                          {"./etc/init.d/tool", "#!/bin/sh\n", Member::Kind::file, 0755}},
+                                         scripts));
+    ASSERT_TRUE(opkg({"install", "/tmp/tool_2.ipk"}).ok());
+    EXPECT_EQ(read("/opt/tool/bin"), "v2");
+    EXPECT_EQ(fs::read_symlink(gw_->path("/opt/tool/ln")), "bin");
+    EXPECT_FALSE(exists("/opt/tool/old.conf"));
+    EXPECT_FALSE(exists("/opt/tool/lib"));  // emptied, and created by the old version
+    EXPECT_EQ(read("/usr/lib/opkg/info/tool.list"), "/opt/tool/bin\n/opt/tool/ln\n/etc/init.d/tool\n");
+    EXPECT_EQ(read("/tmp/tool-prerm.log"), "upgrade\n");
+    EXPECT_EQ(read("/tmp/tool-postinst.log"), "configure\nconfigure\n");
+    EXPECT_NE(opkg({"info", "tool"}).out.find("Version: 2.0"), std::string::npos);
+
+    ASSERT_TRUE(opkg({"remove", "tool"}).ok());
+    EXPECT_EQ(read("/tmp/tool-prerm.log"), "upgrade\nremove\n");
+    for (const char* gone : {"/opt/tool", "/etc/init.d/tool", "/usr/lib/opkg/info/tool.control",
+                             "/usr/lib/opkg/info/tool.list", "/usr/lib/opkg/info/tool.prerm"})
+        EXPECT_FALSE(exists(gone)) << gone;
+    EXPECT_TRUE(exists("/etc/init.d"));  // the gateway's, not the package's
+    EXPECT_EQ(opkg({"remove", "tool"}).exit_code, 1);
+    EXPECT_EQ(opkg({"info", "tool"}).exit_code, 1);
+}
+
+TEST_F(OpkgSandbox, RefusedInstallChangesNothing) {
+    put("/tmp/owner.ipk", opkgtest::ipk(control("owner", "1"), {{"./opt/shared/file", "owner's"}}));
+    ASSERT_TRUE(opkg({"install", "/tmp/owner.ipk"}).ok());
+    put("/tmp/app_1.ipk", opkgtest::ipk(control("app", "1"), {{"./opt/app/a", "a1"}, {"./opt/app/b", "b1"}}));
+    ASSERT_TRUE(opkg({"install", "/tmp/app_1.ipk"}).ok());
+    const std::string fails = script("fails", "exit 3\n");
+    const struct {
+        const char* name;
+        std::string control;
+        std::vector<Member> data;
+        std::vector<Member> scripts;
+    } cases[] = {
+        {"conflict", control("intruder", "1"), {{"./opt/intruder/x", "x"}, {"./opt/shared/file", "mine"}}, {}},
+        {"dot-dot", control("climber", "1"), {{"./opt/climber/x", "x"}, {"./opt/../../escaped", "x"}}, {}},
+        {"absolute", control("climber", "1"), {{"/opt/climber/x", "x"}, {"/../escaped", "x"}}, {}},
+        {"link-escape", control("linker", "1"), {{"./opt/linker/l", "../../../../etc", Member::Kind::symlink}}, {}},
+        {"fifo", control("piper", "1"), {{"./opt/piper/p", "", Member::Kind::fifo}}, {}},
+        {"bad-name", control("../evil", "1"), {{"./opt/evil", "x"}}, {}},
+        {"postinst-fresh", control("fresh", "1"), {{"./opt/fresh/x", "x"}},
+         {{"./postinst", fails, Member::Kind::file, 0755}}},
+        {"postinst-upgrade", control("app", "2"), {{"./opt/app/a", "a2"}, {"./opt/app/c", "c2"}},
+         {{"./postinst", fails, Member::Kind::file, 0755}}},
+        {"not-a-package", "", {}, {}},
+    };
+    for (const auto& c : cases) {
+        put("/tmp/refused.ipk", c.control.empty() ? "plain text" : opkgtest::ipk(c.control, c.data, c.scripts));
+        const auto before = snapshot();
+        const sandbox::CommandResult r = opkg({"install", "/tmp/refused.ipk"});
+        EXPECT_EQ(r.exit_code, 1) << c.name;
+        EXPECT_FALSE(r.err.empty()) << c.name;
+        EXPECT_EQ(snapshot(), before) << c.name;
+    }
+    EXPECT_EQ(read("/tmp/fails.log"), "configure\nconfigure\n");  // the scripts did run, and failed
+    EXPECT_FALSE(exists("/escaped"));
+}
+
+}  // namespace
