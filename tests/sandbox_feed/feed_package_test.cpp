@@ -126,7 +126,7 @@ TEST(FeedPki, ServerCertificateServesLoopbackAndKeysStayPrivate) {
     EXPECT_EQ(X509_check_host(cert.get(), "localhost", 0, 0, nullptr), 1);
     EXPECT_EQ(X509_check_purpose(cert.get(), X509_PURPOSE_SSL_SERVER, 0), 1);
 
-    fs::path dir = fs::temp_directory_path() / ("feed-pki-" + std::to_string(::getpid()));
+    fs::path dir = fs::path(FEED_SCRATCH_DIR) / ("feed-pki-" + std::to_string(::getpid()));
     save_pki(pki(), dir);
     struct stat st{};
     ASSERT_EQ(::stat((dir / "signer.key").c_str(), &st), 0);
@@ -145,7 +145,7 @@ TEST(FeedIndex, RecordsParseBackAndTheIndexIsSigned) {
     Package b = build_package(other, pki());
     const std::string text = index_text({index_record(a.index_control, "hello.ipk", a.bytes, a.installed_size),
                                          index_record(b.index_control, "other.ipk", b.bytes, b.installed_size)});
-    fs::path dir = fs::temp_directory_path() / ("feed-index-" + std::to_string(::getpid()));
+    fs::path dir = fs::path(FEED_SCRATCH_DIR) / ("feed-index-" + std::to_string(::getpid()));
     fs::create_directories(dir);
     write_index(dir, text, pki().signer);
     EXPECT_EQ(read(dir / "Packages"), text);
