@@ -7,6 +7,9 @@
 #ifndef PKGD_SANDBOX_PKGD
 #define PKGD_SANDBOX_PKGD ""
 #endif
+#ifndef PKGD_SANDBOX_OPKG
+#define PKGD_SANDBOX_OPKG ""
+#endif
 #ifndef PKGD_SANDBOX_SIMULATOR
 #define PKGD_SANDBOX_SIMULATOR ""
 #endif
@@ -21,6 +24,9 @@ std::filesystem::path project_pkgd() {
 }
 std::filesystem::path project_simulator() {
     return PKGD_SANDBOX_SIMULATOR;
+}
+std::filesystem::path project_opkg() {
+    return PKGD_SANDBOX_OPKG;
 }
 
 }  // namespace sandbox

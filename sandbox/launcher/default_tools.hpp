@@ -8,5 +8,6 @@ namespace sandbox {
 std::filesystem::path project_broker();
 std::filesystem::path project_pkgd();
 std::filesystem::path project_simulator();
+std::filesystem::path project_opkg();  // the sandbox's package tool
 
 }  // namespace sandbox

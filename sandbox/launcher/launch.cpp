@@ -73,6 +73,7 @@ std::vector<ToolBinding> bound_tools(const LaunchOptions& options) {
     std::vector<ToolBinding> tools = options.tools;
     if (!options.broker.empty()) tools.push_back({options.broker, std::string(kBrokerInside)});
     if (!options.simulator.empty()) tools.push_back({options.simulator, std::string(kSimulatorInside)});
+    if (!options.opkg.empty()) tools.push_back({options.opkg, std::string(kOpkgInside)});
     return tools;
 }
 

@@ -32,6 +32,13 @@ constexpr const char* kUsageText = R"(usage:
       --env NAME=VALUE     an environment variable for pkgd (repeatable)
       --tool HOST:INSIDE   make a host file visible, read-only, at INSIDE (repeatable)
       --busybox PATH       the busybox to install (default /bin/busybox)
+      --opkg PATH          the package tool bound as /bin/opkg (default: the project's, when built)
+      --feed DIR           serve DIR on 127.0.0.1 over HTTP, HTTPS (lighttpd) and FTP (pure-ftpd);
+                           the base URLs go to ROOT/var/run/sandbox/feed.json
+      --feed-pki DIR       the feed's test PKI ("pkgd-feed pki DIR"; default: one made in the root)
+      --feed-user USER     require this user (HTTP basic authentication, FTP login) ...
+      --feed-password-file FILE   ... with the password on FILE's first line
+      --root-size MIB      give the root a file system of MIB mebibytes (a tmpfs)
       --user-namespace     map the caller to root in a user namespace (default unless run as root)
       --ready-timeout MS   how long start-up may take (default 20000)
   pkgd-sandbox build ROOT [--busybox PATH] [--tool HOST:INSIDE]...
@@ -78,6 +85,7 @@ int run_command_line(const fs::path& root, Args& args) {
     LaunchOptions options;
     options.root = root;
     options.broker = project_broker();
+    options.opkg = project_opkg();
     options.user_namespace = ::geteuid() != 0;
     bool broker_given = false;
     std::string value;
@@ -113,6 +121,19 @@ int run_command_line(const fs::path& root, Args& args) {
             options.tools.push_back(tool);
         } else if (option == "--busybox" && args.value(value)) {
             options.busybox = value;
+        } else if (option == "--opkg" && args.value(value)) {
+            options.opkg = value;
+        } else if (option == "--feed" && args.value(value)) {
+            options.feed_dir = value;
+        } else if (option == "--feed-pki" && args.value(value)) {
+            options.feed_pki = value;
+        } else if (option == "--feed-user" && args.value(value)) {
+            options.feed_user = value;
+        } else if (option == "--feed-password-file" && args.value(value)) {
+            options.feed_password_file = value;
+        } else if (long long mib = 0;
+                   option == "--root-size" && args.value(value) && parse_int(value, mib) && mib > 0) {
+            options.root_size_mib = static_cast<std::uint64_t>(mib);
         } else if (option == "--user-namespace") {
             options.user_namespace = true;
         } else if (long long ms = 0;
@@ -125,8 +146,11 @@ int run_command_line(const fs::path& root, Args& args) {
     if (options.broker.empty() && !broker_given) {
         return usage("the project's ubusd is not built: give --broker PATH or --no-broker");
     }
-    for (fs::path* binary : {&options.broker, &options.simulator, &options.pkgd}) {
-        if (!binary->empty()) *binary = fs::absolute(*binary);
+    if (!options.feed_user.empty() && options.feed_password_file.empty())
+        return usage("--feed-user needs --feed-password-file");
+    for (fs::path* path : {&options.broker, &options.simulator, &options.pkgd, &options.opkg, &options.feed_dir,
+                           &options.feed_pki, &options.feed_password_file}) {
+        if (!path->empty()) *path = fs::absolute(*path);
     }
     return launch(options);
 }

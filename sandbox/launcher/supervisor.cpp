@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -17,11 +18,13 @@
 
 #include "console.hpp"
 #include "control_server.hpp"
+#include "feed_servers.hpp"
 #include "host_view.hpp"
 #include "mounts.hpp"
 #include "sandbox/control.hpp"
 #include "sandbox/process.hpp"
 #include "sandbox/root_paths.hpp"
+#include "size_limited_root.hpp"
 #include "syslog_collector.hpp"
 #include "unix_socket.hpp"
 
@@ -64,6 +67,8 @@ public:
         pkgd_.name = "pkgd";
         broker_.name = "ubusd";
         simulator_.name = "gateway-sim";
+        web_.name = "lighttpd";
+        ftp_.name = "pure-ftpd";
     }
 
     int run() {
@@ -86,6 +91,9 @@ private:
         signals_.reset(::signalfd(-1, &handled, SFD_NONBLOCK | SFD_CLOEXEC));
         if (!signals_) return Status::failure(system_error("signalfd", errno));
 
+        if (options_.root_size_mib > 0) {
+            if (Status s = mount_size_limited_root(options_.root, options_.root_size_mib); !s) return s;
+        }
         if (Status s = mount_proc(inside("/proc")); !s) return s;
         if (Status s = mount_host_view(options_.root); !s) return s;
         for (const ToolBinding& tool : bound_tools(options_)) {
@@ -95,7 +103,11 @@ private:
         auto handler = [this](std::string_view request) { return handle(request); };
         if (Status s = control_.open(inside(kControlSocket), handler); !s) return s;
         ::unlink(inside(kPkgdStatusFile).c_str());
+        ::unlink(inside(kFeedUrlsFile).c_str());
 
+        if (!options_.feed_dir.empty()) {
+            if (Status s = start_feed_servers(); !s) return s;
+        }
         if (!options_.broker.empty()) {
             if (Status s = start_broker(); !s) return s;
         }
@@ -152,6 +164,34 @@ private:
             if (Clock::now() >= deadline)
                 return Status::failure("the broker does not accept connections on " + socket.string());
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return {};
+    }
+
+    // The feed servers run in the sandbox's namespaces but not chrooted: they serve a host
+    // directory. "ready" waits until each accepts connections.
+    Status start_feed_servers() {
+        feed::Pki pki;
+        FeedServers servers;
+        if (Status s = feed_pki(options_, pki); !s) return s;
+        if (Status s = install_feed_trust(options_.root, pki); !s) return s;
+        if (Status s = prepare_feed_servers(options_, pki, servers); !s) return s;
+        servers.web.death_signal = servers.ftp.death_signal = SIGKILL;
+        if (Status s = start(web_, servers.web); !s) return s;
+        if (Status s = start(ftp_, servers.ftp); !s) return s;
+        const auto deadline = Clock::now() + options_.ready_timeout;
+        for (auto [child, port] : {std::pair{&web_, servers.ports.http}, std::pair{&web_, servers.ports.https},
+                                   std::pair{&ftp_, servers.ports.ftp}}) {
+            while (!accepts_on_loopback(port)) {
+                reap();
+                if (child->pid == 0) {
+                    return Status::failure(child->name + " exited during start-up; see " +
+                                           output_log(options_.root, child->name).string());
+                }
+                if (Clock::now() >= deadline)
+                    return Status::failure(child->name + " does not accept connections on port " + std::to_string(port));
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
         }
         return {};
     }
@@ -222,7 +262,7 @@ private:
 
     int poll_timeout() const {
         std::optional<Clock::time_point> next;
-        for (const Child* c : {&pkgd_, &simulator_, &broker_}) {
+        for (const Child* c : children()) {
             if (c->pid != 0 && c->kill_at && (!next || *c->kill_at < *next)) next = c->kill_at;
         }
         if (!next) return -1;
@@ -244,7 +284,7 @@ private:
         int status = 0;
         pid_t pid;
         while ((pid = ::waitpid(-1, &status, WNOHANG)) > 0) {
-            for (Child* c : {&pkgd_, &simulator_, &broker_}) {
+            for (Child* c : children()) {
                 if (c->pid == pid) on_exit(*c, status);
             }
         }
@@ -273,7 +313,7 @@ private:
 
     void enforce_deadlines() {
         const auto now = Clock::now();
-        for (Child* c : {&pkgd_, &simulator_, &broker_}) {
+        for (Child* c : children()) {
             if (c->pid != 0 && c->kill_at && *c->kill_at <= now) {
                 ::kill(c->pid, SIGKILL);
                 c->kill_at = Clock::time_point::max();
@@ -281,9 +321,10 @@ private:
         }
     }
 
-    // pkgd first (it may still talk to the bus on its way out), the broker last. True when done.
+    // pkgd first (it may still talk to the bus on its way out), then the simulator, the broker and
+    // the feed servers. True when done.
     bool advance_shutdown() {
-        for (Child* c : {&pkgd_, &simulator_, &broker_}) {
+        for (Child* c : children()) {
             if (c->pid != 0) {
                 c->restart_after_exit = false;
                 stop(*c);
@@ -337,13 +378,17 @@ private:
         return "ok " + format_pkgd_status(pkgd_status());
     }
 
+    // In stopping order.
+    std::array<Child*, 5> children() { return {&pkgd_, &simulator_, &broker_, &web_, &ftp_}; }
+    std::array<const Child*, 5> children() const { return {&pkgd_, &simulator_, &broker_, &web_, &ftp_}; }
+
     const LaunchOptions& options_;
     UniqueFd report_;
     UniqueFd launcher_alive_;
     UniqueFd signals_;
     SyslogCollector collector_;
     ControlServer control_;
-    Child pkgd_, simulator_, broker_;
+    Child pkgd_, simulator_, broker_, web_, ftp_;
     bool stopping_ = false;
 };
 

@@ -21,6 +21,7 @@
 #include "sandbox/control.hpp"
 #include "sandbox/process.hpp"
 #include "sandbox/root_builder.hpp"
+#include "sandbox/root_paths.hpp"
 #include "sandbox/status.hpp"
 
 namespace sandbox {
@@ -45,6 +46,17 @@ struct GatewayOptions {
     bool pkgd_at_start = true;          // otherwise start it with start_pkgd()
     std::vector<std::string> pkgd_env;  // NAME=VALUE, e.g. "EXECENV_INDEX=2"
     std::vector<ToolBinding> tools;     // host files visible read-only inside
+    std::filesystem::path opkg_path;    // the package tool bound as /bin/opkg; empty: the project's
+    // ----- the feed -----
+    // A directory served on 127.0.0.1 over HTTP, HTTPS and FTP (see feed_url); empty: no servers.
+    // The root's /etc/opkg/opkg.pem becomes the PKI's CA unless `prepare` put one there.
+    std::filesystem::path feed_dir;
+    std::filesystem::path feed_pki;  // a "pkgd-feed pki" directory; empty: one the launcher makes
+    std::string feed_user;           // basic authentication and FTP login; empty: open HTTP(S),
+    std::string feed_password;       // and the FTP login "feed" with password "feed"
+    // A root file system of this many MiB (a tmpfs): statfs("/") inside reports it and writes beyond
+    // it fail. path() then leads through /proc/<PID 1>/root, the only way in from the host.
+    std::uint64_t root_size_mib = 0;
     // Called with the freshly built root before anything runs in it (record files, init scripts).
     std::function<void(const std::filesystem::path& root)> prepare;
     std::chrono::milliseconds ready_timeout = std::chrono::seconds(30);
@@ -102,6 +114,10 @@ public:
     const std::filesystem::path& root() const { return root_; }
     std::filesystem::path path(std::string_view inside) const;  // host path of a path inside
     std::filesystem::path socket_path() const;                  // the bus socket, from the host
+    // The feed servers' base URL for "http", "https" or "ftp" ("" without a feed).
+    std::string feed_url(std::string_view scheme) const;
+    // The PKI the feed is served with (ca, signer, server ...; see sandbox/feed/pki.hpp).
+    std::filesystem::path feed_pki_dir() const;
 
     // A program run inside (chrooted, in the gateway's namespaces); waits for it to end.
     CommandResult run(std::vector<std::string> argv,
@@ -163,7 +179,11 @@ private:
     Status control(std::string_view request) const;
     std::vector<std::string> exec_argv(std::vector<std::string> argv, bool report_pid) const;
 
+    std::filesystem::path host(std::string_view inside) const { return host_path(root_, inside); }
+
     std::filesystem::path root_;
+    std::filesystem::path feed_pki_;
+    bool size_limited_ = false;
     std::string error_;
     pid_t launcher_ = 0;
     std::optional<int> launcher_exit_;

@@ -16,6 +16,15 @@ inline constexpr std::string_view kReadyFile = "/var/run/sandbox/ready";
 inline constexpr std::string_view kControlSocket = "/var/run/sandbox/control.sock";
 inline constexpr std::string_view kPkgdStatusFile = "/var/run/sandbox/pkgd.status";
 
+// The feed servers: their base URLs ({"http": ..., "https": ..., "ftp": ...}), the test PKI the
+// launcher makes when given none, and the servers' configuration (password files are 0600).
+inline constexpr std::string_view kFeedUrlsFile = "/var/run/sandbox/feed.json";
+inline constexpr std::string_view kFeedPkiDir = "/var/run/sandbox/feed-pki";
+inline constexpr std::string_view kFeedServerDir = "/var/run/sandbox/feed";
+// Trust: pkgd's signature anchor, and the bundle HTTPS clients in the root verify servers with.
+inline constexpr std::string_view kOpkgCaFile = "/etc/opkg/opkg.pem";
+inline constexpr std::string_view kCaBundle = "/etc/ssl/certs/ca-certificates.crt";
+
 // Where the project's own binaries (broker, simulator, tools) appear inside, read-only.
 inline constexpr std::string_view kToolDir = "/opt/pkgd/bin";
 
