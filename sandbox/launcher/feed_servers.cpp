@@ -73,6 +73,9 @@ std::string lighttpd_config(const fs::path& feed, const fs::path& dir, const Fee
     c += "server.bind = \"127.0.0.1\"\n";
     c += "server.port = " + std::to_string(ports.http) + "\n";
     c += "server.errorlog = \"" + (dir / "lighttpd-error.log").string() + "\"\n";
+    // Without its cache the server looks at each file anew: a test rewrites the index and fetches
+    // it at once, and a cached size would cut the new file short.
+    c += "server.stat-cache-engine = \"disable\"\n";
     c += "server.modules = (\"mod_auth\", \"mod_authn_file\", \"mod_openssl\")\n";
     c += "mimetype.assign = (\"\" => \"application/octet-stream\")\n";
     c += "$SERVER[\"socket\"] == \"127.0.0.1:" + std::to_string(ports.https) + "\" {\n";

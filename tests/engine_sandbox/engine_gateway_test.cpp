@@ -1,0 +1,231 @@
+// The engine on a gateway: the package tool, a signed feed served by real HTTP, HTTPS and FTP
+// servers, and the simulator's catalog, data model and service manager. Each operation runs as a
+// worker runs it, inside the gateway, and is judged by what a management client sees: the LCM
+// events and the one result, the record files, the catalog, the data model and the syslog.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "gateway_client.hpp"
+#include "pkgd/engine.hpp"
+#include "pkgd/identity.hpp"
+#include "sandbox/feed/index.hpp"
+#include "sandbox/feed/package.hpp"
+#include "sandbox/feed/pki.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace feed = sandbox::feed;
+using namespace pkgd;
+
+constexpr std::string_view kObject = "Services.Management.LCM.ExecutionEnvironments.System.Packages.";
+constexpr std::string_view kUser = "feeder";
+constexpr std::string_view kPassword = "pa$$ 'w0rd";  // a shell would choke on it; nothing may
+
+fs::path scratch_feed() {
+    std::string pattern = std::string(ENGINE_FEED_SCRATCH_DIR) + "/feed-XXXXXX";
+    fs::path dir = ::mkdtemp(pattern.data());
+    ::chmod(dir.c_str(), 0755);  // the FTP session's user reads it
+    return dir;
+}
+
+fs::path g_feed_dir;  // this test process's feed
+
+sandbox::GatewayOptions feed_gateway() {
+    sandbox::GatewayOptions options = gwtest::named_gateway();
+    options.simulator = true;
+    options.feed_dir = g_feed_dir = scratch_feed();
+    options.feed_user = kUser;
+    options.feed_password = kPassword;
+    return options;
+}
+
+class EngineInGateway : public gwtest::SharedGateway<feed_gateway> {
+protected:
+    static inline std::vector<std::string> records_;  // the feed index so far
+
+    // Builds a package and lists it in the signed index; its file name in the feed.
+    static std::string publish(const std::string& name, const std::string& version,
+                               feed::Hostile hostile = feed::Hostile::none, std::string section = "utils") {
+        const feed::Pki pki = feed::load_pki(gw_->feed_pki_dir());
+        feed::PackageSpec spec;
+        spec.control = "Package: " + name + "\nVersion: " + version + "\nArchitecture: all\nMaintainer: ACME\n" +
+                       "Section: " + section + "\nDescription: " + name + " for the tests\n";
+        spec.tree = {feed::file_entry("usr/bin/" + name, "#!/bin/sh\nexec sleep 600\n", 0755),
+                     feed::file_entry("etc/init.d/" + name, "#!/bin/sh\nexit 0\n", 0755)};
+        spec.hostile = hostile;
+        spec.dot_slash_names = true;  // as stock package tools name the members
+        const feed::Package pkg = feed::build_package(spec, pki);
+        const std::string file = name + "_" + version + "_all.ipk";
+        std::ofstream(g_feed_dir / file, std::ios::binary) << pkg.bytes;
+        records_.push_back(feed::index_record(pkg.index_control, file, pkg.bytes, pkg.installed_size));
+        feed::write_index(g_feed_dir, feed::index_text(records_), pki.signer);
+        return file;
+    }
+
+    static std::string url(std::string_view scheme, const std::string& file) {
+        return gw_->feed_url(scheme) + "/" + file;
+    }
+
+    // One operation of `type` on package `id`, run inside the gateway as a worker runs it.
+    static int operate(int type, const std::string& id, const std::string& url_text,
+                       std::int32_t operate_duid = 0) {
+        std::string out;
+        const sandbox::CommandResult r = gw_->run_inside([&](std::string& result) {
+            ::unsetenv("EXECENV_INDEX");
+            package_init_env();
+            ::mkdir("/tmp/opkg-System", 0755);
+            engine_context ctx = engine_context::gateway();
+            operation_info op;
+            op.type = type;
+            op.request_id = 7;
+            op.operate_duid = operate_duid;
+            op.pkg = std::make_shared<pkg_info>();
+            op.pkg->id = id;
+            op.pkg->object_name = std::string(kObject) + id;
+            if (type != OPERATION_INSTALL) ctx.records.load_pkg(*op.pkg);
+            if (!url_text.empty()) op.pkg->url = url_text;
+            op.pkg->username = kUser;
+            op.pkg->password = kPassword;
+            int rc = 0;
+            switch (type) {
+                case OPERATION_INSTALL: rc = package_opkg_install_operate(ctx, op); break;
+                case OPERATION_UPDATE: rc = package_opkg_update_operate(ctx, op); break;
+                case OPERATION_REMOVE: rc = package_opkg_remove_operate(ctx, op); break;
+                default: rc = package_opkg_islatestversion(ctx, *op.pkg); break;
+            }
+            result = std::to_string(rc);
+            return 0;
+        }, std::chrono::seconds(120));
+        EXPECT_TRUE(r.ok()) << r.err;
+        return r.ok() ? std::stoi(r.out) : -99;
+    }
+
+    // The codes of the LCM events about package `id` and the result's fault code, in order.
+    static std::vector<std::string> story(gwtest::Client& bus, std::size_t count) {
+        std::vector<std::string> out;
+        for (const std::string& e : bus.events(count, std::chrono::seconds(30))) {
+            const std::size_t code = e.find("\"Code\":");
+            const std::size_t fault = e.find("\"FaultCode\":");
+            if (code != std::string::npos) out.push_back(e.substr(code + 7, e.find_first_of(",}", code) - code - 7));
+            if (fault != std::string::npos)
+                out.push_back("result " + e.substr(fault + 12, e.find_first_of(",}", fault) - fault - 12));
+        }
+        return out;
+    }
+
+    static gwtest::Client listener() {
+        gwtest::Client bus(*gw_);
+        EXPECT_TRUE(bus.listen("Services.Management.LCM"));
+        EXPECT_TRUE(bus.listen("SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT"));
+        return bus;
+    }
+};
+
+using V = std::vector<std::string>;
+
+TEST_F(EngineInGateway, InstallOverEachTransportThenRemoveLeavesNothingBehind) {
+    const std::string file = publish("hello", "1.0");
+    int n = 0;
+    for (const char* scheme : {"http", "https", "ftp"}) {
+        SCOPED_TRACE(scheme);
+        const std::string id = std::to_string(++n);
+        gwtest::Client bus = listener();
+        ASSERT_EQ(operate(OPERATION_INSTALL, id, url(scheme, file)), 0);
+        EXPECT_EQ(story(bus, 5), (V{"20", "6", "21", "result 0", "8"}));
+        EXPECT_TRUE(fs::exists(gw_->path("/usr/bin/hello")));
+        EXPECT_TRUE(fs::exists(gw_->path("/usr/local/package/pkg/" + id)));
+        struct stat st {};
+        ASSERT_EQ(::stat(gw_->path("/usr/local/package/pkg/" + id).c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, 0600u) << "the package record holds the feed password";
+        EXPECT_NE(gwtest::sim_state(*gw_, "catalog").find("\"ExecutionUnit\""), std::string::npos);
+        EXPECT_NE(gwtest::sim_state(*gw_, "datamodel").find("ExecutionUnit."), std::string::npos);
+
+        gwtest::Client after = listener();
+        ASSERT_EQ(operate(OPERATION_REMOVE, id, ""), 0);
+        EXPECT_EQ(story(after, 3), (V{"22", "13", "result 0"}));
+        EXPECT_FALSE(fs::exists(gw_->path("/usr/bin/hello")));
+        EXPECT_FALSE(fs::exists(gw_->path("/usr/local/package/pkg/" + id)));
+        EXPECT_EQ(gwtest::sim_state(*gw_, "catalog").find("\"ExecutionUnit\":{\""), std::string::npos);
+    }
+    const std::string syslog = gwtest::read_text(gw_->path("/var/log/messages"));
+    EXPECT_NE(syslog.find("Install package "), std::string::npos);
+    EXPECT_EQ(syslog.find(std::string(kPassword)), std::string::npos);
+    EXPECT_FALSE(fs::exists(gw_->path("/tmp/.ipk.conf"))) << "the install removes its configuration";
+}
+
+// Each failure the real tools can produce: the fault the management side is told, the events, and
+// no record or instance left behind.
+TEST_F(EngineInGateway, FailedInstallsReportTheirFaultAndUndo) {
+    struct Case {
+        std::string name;
+        feed::Hostile hostile;
+        std::string file_override;  // a file the feed does not have, or "" for the package's
+        V story;
+    };
+    const Case cases[] = {
+        {"untrusted", feed::Hostile::untrusted_signer, "", {"20", "result 9018", "9"}},
+        {"expired", feed::Hostile::expired_signer, "", {"20", "result 9018", "9"}},
+        {"tampered", feed::Hostile::bad_digest, "", {"20", "result 9018", "9"}},
+        {"renamed", feed::Hostile::name_mismatch, "", {"20", "result 9018", "9"}},
+        {"bomb", feed::Hostile::gzip_bomb, "", {"20", "result 9018", "9"}},
+        {"unlisted", feed::Hostile::none, "missing_1.0_all.ipk", {"20", "result 9003", "7"}},
+    };
+    int id = 100;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string file = publish(c.name, "1.0", c.hostile);
+        if (!c.file_override.empty()) file = c.file_override;
+        gwtest::Client bus = listener();
+        EXPECT_EQ(operate(OPERATION_INSTALL, std::to_string(++id), url("http", file)), -1);
+        EXPECT_EQ(story(bus, 3), c.story);
+        EXPECT_FALSE(fs::exists(gw_->path("/usr/bin/" + c.name)));
+        EXPECT_FALSE(fs::exists(gw_->path("/usr/local/package/pkg/" + std::to_string(id))));
+        EXPECT_TRUE(fs::is_empty(gw_->path("/usr/local/package/du")));
+    }
+    // The file is in the index but gone from the server: the download fails.
+    const std::string file = publish("vanished", "1.0");
+    fs::remove(g_feed_dir / file);
+    gwtest::Client bus = listener();
+    EXPECT_EQ(operate(OPERATION_INSTALL, "120", url("http", file)), -1);
+    EXPECT_EQ(story(bus, 3), (V{"20", "result 9017", "7"}));
+}
+
+TEST_F(EngineInGateway, UpdateTakesTheFeedsNewVersionWhichTheQueryThenKnowsAsLatest) {
+    const std::string v1 = publish("tool", "1.0");
+    ASSERT_EQ(operate(OPERATION_INSTALL, "200", url("http", v1)), 0);
+    const std::string v2 = publish("tool", "1.10");
+    EXPECT_EQ(operate(-1, "200", url("http", v2)), 1) << "1.10 orders after 1.0";
+
+    gwtest::Client bus = listener();
+    ASSERT_EQ(operate(OPERATION_UPDATE, "200", url("http", v2)), 0);
+    // The units are stopped through the service manager before the new version goes in.
+    EXPECT_EQ(story(bus, 4), (V{"23", "11", "result 0", "25"}));
+    EXPECT_NE(gwtest::read_text(gw_->path("/usr/lib/opkg/info/tool.control")).find("Version: 1.10"),
+              std::string::npos);
+    EXPECT_EQ(operate(-1, "200", url("http", v2)), 0);
+}
+
+TEST_F(EngineInGateway, AnEnvironmentPackageIsAnnouncedAddedAndDeleted) {
+    const std::string file = publish("lxc-box", "1.0", feed::Hostile::none, "LXC container");
+    gwtest::Client bus = listener();
+    ASSERT_EQ(operate(OPERATION_INSTALL, "300", url("http", file)), 0);
+    EXPECT_EQ(story(bus, 6), (V{"20", "6", "21", "result 0", "8", "1"}));
+    gwtest::Client after = listener();
+    ASSERT_EQ(operate(OPERATION_REMOVE, "300", ""), 0);
+    EXPECT_EQ(story(after, 4), (V{"22", "5", "13", "result 0"}));
+}
+
+// Request data never reaches a shell: texts a shell would run are plain, failing names.
+TEST_F(EngineInGateway, ShellTextInTheUrlRunsNothing) {
+    for (const std::string file : {"x;touch /tmp/canary;.ipk", "$(touch /tmp/canary).ipk", "`touch /tmp/canary`.ipk"}) {
+        EXPECT_EQ(operate(OPERATION_INSTALL, "400", url("http", file)), -1) << file;
+    }
+    EXPECT_FALSE(fs::exists(gw_->path("/tmp/canary")));
+}
+
+}  // namespace
