@@ -5,12 +5,17 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <iterator>
 #include <thread>
 
+#include "child_process.hpp"
 #include "gateway_client.hpp"
+#include "poll.hpp"
 #include "ubus/wire.hpp"
 #include "unix_socket.hpp"
 
@@ -158,7 +163,7 @@ TEST(Startup, WithoutItsEnvironmentObjectItServesOnAndSignalsEndItWith0) {
         ASSERT_TRUE(gw.start_pkgd());
         // Serving: its own handler answers.
         ASSERT_TRUE(probe.wait_for_object(kOperations));
-        EXPECT_EQ(probe.call(kPackages, "Install").status, ubus::kNotSupported);
+        EXPECT_EQ(probe.call(kPackages, "List").status, ubus::kOk);
         ASSERT_TRUE(gw.signal_pkgd(sig));
         const auto status = gw.wait_pkgd_exit();
         ASSERT_TRUE(status);
@@ -194,14 +199,77 @@ TEST(Startup, ObjectsAppearInTheirFixedOrderWithTheEnvironmentObjectLast) {
     });
     ASSERT_EQ(monitor.invoke(ubus::kMonitorObject, "add", {}, nullptr, 10000), ubus::kOk);
     ASSERT_TRUE(gw.start_pkgd());
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while ((order.empty() || order.back() != "add " + std::string(kEnvironment)) &&
-           std::chrono::steady_clock::now() < deadline)
+    testsupport::poll_until(10s, [&] {
         monitor.dispatch(100);
+        return !order.empty() && order.back() == "add " + std::string(kEnvironment);
+    });
     EXPECT_EQ(order,
               (std::vector<std::string>{"add " + std::string(kPackages), "add (listener)",
                                         "register Services.Management.LCM", "add " + std::string(kOperations),
                                         "add " + std::string(kEnvironment)}));
+    // The environment's figures are the machine's own.
+    std::ifstream meminfo("/proc/meminfo");
+    std::string key, total;
+    meminfo >> key >> total;
+    EXPECT_NE(gwtest::Client(gw).call(kEnvironment, "Get").first().find(R"("Memory":{"Total":)" + total + ","),
+              std::string::npos);
+}
+
+// pkgd's process as the host sees it.
+std::optional<pid_t> pkgd_host_pid(const sandbox::Gateway& gw) {
+    for (pid_t pid : sandbox::processes_in_namespace("pid", gw.pid_namespace())) {
+        std::error_code ec;
+        if (fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec).filename() == "pkgd") return pid;
+    }
+    return std::nullopt;
+}
+
+TEST(Startup, AfterChangingItsRootItWorksFromTheNewRootAndEndsWith0WhenTheBrokerGoes) {
+    auto options = pkgd_later();
+    options.broker = false;
+    sandbox::Gateway gw(options);
+    ASSERT_TRUE(gw.up()) << gw.error();
+    bus_test::Child broker(UBUSD_PATH, {"ubusd", "-s", gw.socket_path().string()});
+    ASSERT_TRUE(testsupport::poll_until(10s, [&] { return fs::exists(gw.socket_path()); }));
+    ASSERT_TRUE(gw.start_pkgd());
+    ASSERT_TRUE(gwtest::Client(gw).wait_for_object(kEnvironment));
+    // Its working directory is the root it was given, not left outside it.
+    const auto pid = pkgd_host_pid(gw);
+    ASSERT_TRUE(pid);
+    struct stat cwd {}, root {};
+    ASSERT_EQ(::stat(("/proc/" + std::to_string(*pid) + "/cwd").c_str(), &cwd), 0);
+    ASSERT_EQ(::stat(gw.root().c_str(), &root), 0);
+    EXPECT_EQ(std::pair(cwd.st_dev, cwd.st_ino), std::pair(root.st_dev, root.st_ino));
+
+    broker.stop(SIGTERM);
+    const auto status = gw.wait_pkgd_exit();
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(status->exited_with(0)) << sandbox::format_pkgd_status(*status);
+}
+
+// pkgd run as a program inside the gateway, with the command line a test gives it.
+sandbox::GatewayOptions pkgd_inside() {
+    auto options = gwtest::named_gateway();
+    options.tools = {{PKGD_BINARY, "/usr/bin/pkgd"}};
+    return options;
+}
+
+TEST(Startup, WithoutDashFItDetachesAndServesFromTheBackground) {
+    sandbox::Gateway gw(pkgd_inside());
+    ASSERT_TRUE(gw.up()) << gw.error();
+    sandbox::InsideProcess started = gw.spawn({"/usr/bin/pkgd"});
+    ASSERT_TRUE(started.started()) << started.error();
+    EXPECT_EQ(started.wait(10s), 0);
+    EXPECT_TRUE(gwtest::Client(gw).wait_for_object(kEnvironment));
+}
+
+TEST(Startup, AFailedChangeOfRootServesTheTreeAsItIs) {
+    sandbox::Gateway gw(pkgd_inside());
+    ASSERT_TRUE(gw.up()) << gw.error();
+    sandbox::InsideProcess pkgd = gw.spawn({"/usr/bin/pkgd", "-f", "-r", "/no/such/root"});
+    ASSERT_TRUE(pkgd.started()) << pkgd.error();
+    EXPECT_TRUE(gwtest::Client(gw).wait_for_object(kEnvironment));
+    EXPECT_EQ(pkgd.stop(), 0);
 }
 
 }  // namespace
