@@ -46,14 +46,6 @@ pkg_info ordinary_package() {
     return pkg;
 }
 
-// Started by its own script only, whatever units it has.
-pkg_info environment_package(bool with_ee) {
-    pkg_info pkg = ordinary_package();
-    pkg.du.pkgtype = PKGTYPE_EE;
-    if (with_ee) pkg.ee.emplace().file = "lxc";
-    return pkg;
-}
-
 std::string event(const lcm_event& e, std::string_view body) {
     return std::string(kLcmEventType) + R"( {"Header":{"Code":)" + std::to_string(e.code) + R"(,"Name":")" +
            std::string(e.name) + "\"}" + std::string(body) + "}";
@@ -90,19 +82,6 @@ TEST_F(PackagesInGateway, UnitsAreStartedAndStoppedThenAnnounced) {
                                         R"(operate {"Operation":"stop","name":["demo","demo-watch"]})"}));
     EXPECT_EQ(events_.events(2), (std::vector<std::string>{event(kLcmPackageEnabled, package_body()),
                                                            event(kLcmPackageDisabled, package_body())}));
-}
-
-TEST_F(PackagesInGateway, EnvironmentPackageNamesItsScriptOrNothing) {
-    EXPECT_EQ(act(environment_package(true), true), "0");
-    pkg_info no_units = ordinary_package();
-    no_units.eu.clear();
-    EXPECT_EQ(act(no_units, false), "0");
-    EXPECT_EQ(act(environment_package(false), true), "0");
-    EXPECT_EQ(read_text(gw_->path("/tmp/operations")), "lxc start\n");
-    EXPECT_EQ(gwtest::sim_requests(*gw_, "services"),
-              (std::vector<std::string>{R"(operate {"Operation":"start","name":["lxc"]})",
-                                        R"(operate {"Operation":"stop","name":[]})",
-                                        R"(operate {"Operation":"start"})"}));
 }
 
 TEST_F(PackagesInGateway, FailedRequestsGiveMinusOneAndNoEvent) {
