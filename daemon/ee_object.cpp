@@ -9,30 +9,30 @@ namespace pkgd {
 namespace {
 
 // The one floating-point member of any reply; the key is always "Usage".
-void __add_usage(ubus::BlobBuf& body, double usage) {
+void add_usage(ubus::BlobBuf& body, double usage) {
     body.add_double("Usage", usage);
 }
 
-void __add_figures(ubus::BlobBuf& body, std::string_view name, resource_figures figures) {
+void add_figures(ubus::BlobBuf& body, std::string_view name, resource_figures figures) {
     const auto table = body.open_table(name);
     body.add_i32("Total", figures.total);
     body.add_i32("Free", figures.free);
-    __add_usage(body, resource_usage(figures));
+    add_usage(body, resource_usage(figures));
     body.close(table);
 }
 
-int __ee_get(ubus::Request& req) {
+}  // namespace
+
+int ee_get(daemon_context& d, ubus::Request& req) {
     resource_figures memory;
     resource_figures storage;
-    package_get_sys_memroy(memory.total, memory.free);
-    package_get_sys_storage(storage.total, storage.free);
+    package_get_sys_memroy(d.sys, memory.total, memory.free);
+    package_get_sys_storage(d.sys, storage.total, storage.free);
 
     ubus::BlobBuf body;
-    ee_get_body(body, package_ee_identity(), memory, storage);
+    ee_get_body(body, d.ee, memory, storage);
     return hlapi_send(req, HLAPI_OK, body.root());
 }
-
-}  // namespace
 
 std::string ee_object_name(std::string_view ee_id) {
     // Every environment's object sits below the catalog's name.
@@ -40,9 +40,9 @@ std::string ee_object_name(std::string_view ee_id) {
     return name.str();
 }
 
-ubus::AddResult add_ee_object(ubus::Connection& ctx, std::string_view name) {
-    static const auto ee_object_type = ubus::ObjectType::make({{"Get", {}, __ee_get}});
-    return ctx.add_object(name, ee_object_type);
+ubus::AddResult add_ee_object(daemon_context& d) {
+    const auto s_ee_methods = ubus::ObjectType::make({{"Get", {}, on_context(d, ee_get)}});
+    return d.ctx.add_object(d.s_ee_object.view(), s_ee_methods);
 }
 
 double resource_usage(resource_figures figures) {
@@ -61,8 +61,8 @@ void ee_get_body(ubus::BlobBuf& body, const ee_identity& ee, resource_figures me
     body.add_string("Vendor", ee.vendor);
     body.add_string("Type", ee.type);
     const auto resources = body.open_table("Resources");
-    __add_figures(body, "Memory", memory);
-    __add_figures(body, "Storage", storage);
+    add_figures(body, "Memory", memory);
+    add_figures(body, "Storage", storage);
     body.close(resources);
     // The environment this daemon serves is running by definition, enabled or not.
     body.add_string("Status", "Active");

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "daemon/daemon_context.hpp"
 #include "pkgd/identity.hpp"
 #include "ubus/blob.hpp"
 #include "ubus/client.hpp"
@@ -15,8 +16,11 @@ namespace pkgd {
 // "Services.Management.LCM.ExecutionEnvironments.<ee_id>", cut to 255 characters.
 std::string ee_object_name(std::string_view ee_id);
 
-// Registers the object at `name`, method "Get" (no arguments).
-ubus::AddResult add_ee_object(ubus::Connection& ctx, std::string_view name);
+// Registers the object at d.s_ee_object on d.ctx, method "Get" (no arguments).
+ubus::AddResult add_ee_object(daemon_context& d);
+
+// "Get": d.ee with the memory and storage figures of d.sys, read anew on every call.
+int ee_get(daemon_context& d, ubus::Request& req);
 
 // One pair of figures, in kilobytes; 0 and 0 when they could not be read.
 struct resource_figures {

@@ -1,5 +1,7 @@
 #include "daemon/event_intake.hpp"
 
+#include <iterator>
+
 #include "daemon/daemon_context.hpp"
 #include "pkgd/lcm_events.hpp"
 #include "pkgd/record_files.hpp"
@@ -11,11 +13,19 @@ namespace {
 using ubus::Type;
 
 constexpr ubus::Policy event_policy[] = {{"Header", Type::Table}, {"Body", Type::Table}};
+enum event_field { EVENT_HEADER, EVENT_BODY, EVENT_COUNT };
+static_assert(EVENT_COUNT == std::size(event_policy));
+
 constexpr ubus::Policy event_header_policy[] = {{"Code", Type::Int32}, {"Name", Type::String}};
+enum header_field { HEADER_CODE, HEADER_NAME, HEADER_COUNT };
+static_assert(HEADER_COUNT == std::size(event_header_policy));
+
 constexpr ubus::Policy event_body_policy[] = {
     {std::string_view(kLcmPackageIdKey), Type::String},
     {std::string_view(kLcmExecEnvIdKey), Type::String},
 };
+enum body_field { BODY_PACKAGE_ID, BODY_EXEC_ENV_ID, BODY_COUNT };
+static_assert(BODY_COUNT == std::size(event_body_policy));
 
 // What an event does to the package it names. A reload replaces the package's unit data with what
 // its files now say, after any event that reloads: a package that already holds units (a failed
@@ -57,23 +67,22 @@ event_effect effect_of(std::int32_t code) {
 
 }  // namespace
 
-ubus::AddResult add_lcm_event_handler(ubus::Connection& ctx) {
-    return ctx.listen(kLcmEventType, receive_event);
+ubus::AddResult add_lcm_event_handler(daemon_context& d) {
+    return d.ctx.listen(kLcmEventType, [&d](std::string_view type, ubus::Bytes data) { receive_event(d, type, data); });
 }
 
-void receive_event(std::string_view, ubus::Bytes data) {
+void receive_event(daemon_context& d, std::string_view, ubus::Bytes data) {
     const auto tb = ubus::parse(event_policy, data);
-    if (!tb[0] || !tb[1]) return;
-    const auto header = ubus::parse(event_header_policy, tb[0].data());
-    const auto body = ubus::parse(event_body_policy, tb[1].data());
-    if (!header[0]) return;
-    const event_effect effect = effect_of(header[0].as_i32());
-    if (effect.what == reaction::none || !body[0]) return;
-    const FixedText<1024> name(body[0].as_string());
+    if (!tb[EVENT_HEADER] || !tb[EVENT_BODY]) return;
+    const auto header = ubus::parse(event_header_policy, tb[EVENT_HEADER].data());
+    const auto body = ubus::parse(event_body_policy, tb[EVENT_BODY].data());
+    if (!header[HEADER_CODE]) return;
+    const event_effect effect = effect_of(header[HEADER_CODE].as_i32());
+    if (effect.what == reaction::none || !body[BODY_PACKAGE_ID]) return;
+    const FixedText<1024> name(body[BODY_PACKAGE_ID].as_string());
 
-    daemon_context& d = the_daemon();
     if (effect.what == reaction::remove) {
-        __del_pkg(name.view());
+        del_pkg(d, name.view());
         return;
     }
     const registered_pkg* entry = d.s_pkgs.find_object(name.view());
@@ -85,10 +94,10 @@ void receive_event(std::string_view, ubus::Bytes data) {
             break;
         case reaction::set_status_then_reload:
             pkg.status = effect.status;
-            package_reload_pkg_info(pkg);
+            d.files.reload_pkg(pkg);
             break;
         case reaction::reload_then_set_status:
-            package_reload_pkg_info(pkg);
+            d.files.reload_pkg(pkg);
             pkg.status = effect.status;
             break;
         default:

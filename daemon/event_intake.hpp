@@ -4,15 +4,17 @@
 
 #include <string_view>
 
+#include "daemon/daemon_context.hpp"
 #include "ubus/blob.hpp"
 #include "ubus/client.hpp"
 
 namespace pkgd {
 
-// Listens to kLcmEventType on `ctx` with receive_event.
-ubus::AddResult add_lcm_event_handler(ubus::Connection& ctx);
+// Listens to kLcmEventType on d.ctx with receive_event on `d`.
+ubus::AddResult add_lcm_event_handler(daemon_context& d);
 
-// One LCM event: its type and the members of its data table.
-void receive_event(std::string_view type, ubus::Bytes data);
+// One LCM event (its type and the members of its data table), applied to the package of d.s_pkgs
+// it names: a new status, its unit data read again from d.files, or its removal.
+void receive_event(daemon_context& d, std::string_view type, ubus::Bytes data);
 
 }  // namespace pkgd

@@ -1,9 +1,9 @@
 #include "daemon/package_list.hpp"
 
+#include <iterator>
 #include <optional>
 #include <string_view>
 
-#include "daemon/daemon_context.hpp"
 #include "daemon/package_table.hpp"
 #include "daemon/reply_envelope.hpp"
 #include "ubus/wire.hpp"
@@ -13,19 +13,36 @@ namespace {
 
 using ubus::Type;
 
+// What the bus shows as the arguments. Callers send a nested "Filters" table, read with the two
+// policies below; the flat names only describe it.
+constexpr ubus::Policy package_list_list_policy[] = {
+    {"Limit", Type::Int32},
+    {"Offset", Type::Int32},
+    {"Filters.Id", Type::String},
+    {"Filters.UUID", Type::String},
+    {"Filters.Name", Type::String},
+    {"Filters.Enabled", Type::Bool},
+    {"Filters.Vendor", Type::String},
+    {"Filters.Version", Type::String},
+    {"Filters.License", Type::String},
+    {"Filters.Architecture", Type::String},
+    {"Filters.Status", Type::String},
+};
+
 constexpr ubus::Policy package_list_policy[] = {
     {"Limit", Type::Int32},
     {"Offset", Type::Int32},
     {"Filters", Type::Table},
 };
-enum { LIST_LIMIT, LIST_OFFSET, LIST_FILTERS };
+enum list_field { LIST_LIMIT, LIST_OFFSET, LIST_FILTERS, LIST_COUNT };
+static_assert(LIST_COUNT == std::size(package_list_policy));
 
 constexpr ubus::Policy package_list_filters_policy[] = {
     {"Id", Type::String},      {"UUID", Type::String},         {"Name", Type::String},
     {"Enabled", Type::Bool},   {"Vendor", Type::String},       {"Version", Type::String},
     {"License", Type::String}, {"Architecture", Type::String}, {"Status", Type::String},
 };
-enum {
+enum filter_field {
     FILTER_ID,
     FILTER_UUID,
     FILTER_NAME,
@@ -35,7 +52,9 @@ enum {
     FILTER_LICENSE,
     FILTER_ARCHITECTURE,
     FILTER_STATUS,
+    FILTER_COUNT,
 };
+static_assert(FILTER_COUNT == std::size(package_list_filters_policy));
 
 using text_filter = std::optional<std::string_view>;
 
@@ -101,7 +120,7 @@ std::int32_t package_list_body(ubus::BlobBuf& body, const package_registry& pkgs
         const std::string_view status = package_get_status(*entry.pkg, processes);
         if (filters.status && *filters.status != status) continue;
         const auto table = body.open_table({});
-        __dump_pkg(body, *entry.pkg, status);
+        dump_pkg(body, *entry.pkg, status);
         body.close(table);
     }
     body.close(list);
@@ -110,11 +129,15 @@ std::int32_t package_list_body(ubus::BlobBuf& body, const package_registry& pkgs
     return HLAPI_OK;
 }
 
-int package_list(ubus::Request& req) {
+int package_list(daemon_context& d, ubus::Request& req) {
     ubus::BlobBuf body;
-    ProcessSnapshot processes(real_system_env());
-    const std::int32_t result = package_list_body(body, the_daemon().s_pkgs, req.args(), processes);
+    ProcessSnapshot processes(d.sys);
+    const std::int32_t result = package_list_body(body, d.s_pkgs, req.args(), processes);
     return hlapi_send(req, result, result == HLAPI_OK ? body.root() : ubus::Attr());
+}
+
+ubus::MethodDef package_list_method(std::string_view name, daemon_context& d) {
+    return {name, package_list_list_policy, on_context(d, package_list)};
 }
 
 }  // namespace pkgd

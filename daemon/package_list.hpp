@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#include "daemon/daemon_context.hpp"
 #include "daemon/package_registry.hpp"
 #include "pkgd/run_state.hpp"
 #include "ubus/blob.hpp"
@@ -23,6 +24,9 @@ std::int32_t package_list_body(ubus::BlobBuf& body, const package_registry& pkgs
                                ProcessSnapshot& processes);
 
 // The bus handler: the listing of the daemon's registry, in the reply envelope.
-int package_list(ubus::Request& req);
+int package_list(daemon_context& d, ubus::Request& req);
+
+// The method `name` ("List" or "get") with its advertised arguments, answered from `d`.
+ubus::MethodDef package_list_method(std::string_view name, daemon_context& d);
 
 }  // namespace pkgd

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "daemon/daemon_context.hpp"
 #include "ubus/client.hpp"
 
 namespace pkgd {
@@ -13,7 +14,8 @@ namespace pkgd {
 // "SoftwareModules.Package.<ee_id>", cut to 63 characters.
 std::string package_operation_object_name(std::string_view ee_id);
 
-// Registers the object at `name` with "Install", "Update", "Uninstall", "List" and "Cancel".
-ubus::AddResult add_opkg_object(ubus::Connection& ctx, std::string_view name);
+// Registers the object at d.pkg_name on d.ctx with "Install", "Update", "Uninstall", "List" and
+// "Cancel", their handlers working on `d`.
+ubus::AddResult add_opkg_object(daemon_context& d);
 
 }  // namespace pkgd

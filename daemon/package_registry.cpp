@@ -49,15 +49,14 @@ std::string package_object_name(std::string_view packages_object, std::string_vi
     return cut.str();
 }
 
-std::shared_ptr<pkg_info> __add_pkg(std::string_view id, pkg_info fields) {
-    daemon_context& d = the_daemon();
+std::shared_ptr<pkg_info> add_pkg(daemon_context& d, std::string_view id, pkg_info fields) {
     std::string name = package_object_name(d.object.view(), id);
     // Two long identifiers may share the cut name; the bus would refuse the second object anyway.
     if (d.s_pkgs.has_id(id) || d.s_pkgs.find_object(name)) return nullptr;
 
     // A method call cannot arrive before the package is linked: calls wait while the connection
     // makes a request of its own.
-    const ubus::AddResult added = d.ctx.add_object(name, package_x_object_type());
+    const ubus::AddResult added = add_package_x_object(d, name);
     if (added.status != ubus::kOk) return nullptr;
 
     auto pkg = std::make_shared<pkg_info>(std::move(fields));
@@ -67,8 +66,7 @@ std::shared_ptr<pkg_info> __add_pkg(std::string_view id, pkg_info fields) {
     return pkg;
 }
 
-void __del_pkg(std::string_view name) {
-    daemon_context& d = the_daemon();
+void del_pkg(daemon_context& d, std::string_view name) {
     const registered_pkg* entry = d.s_pkgs.find_object(name);
     if (!entry) return;
     // Not found: the bus no longer holds the object either, so it is gone all the same.
@@ -76,8 +74,8 @@ void __del_pkg(std::string_view name) {
     if (status == ubus::kOk || status == ubus::kNotFound) d.s_pkgs.unlink(name);
 }
 
-std::int32_t __free_id() {
-    return the_daemon().s_pkgs.free_id();
+std::int32_t free_id(daemon_context& d) {
+    return d.s_pkgs.free_id();
 }
 
 }  // namespace pkgd

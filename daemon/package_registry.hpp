@@ -62,23 +62,25 @@ private:
 };
 
 // ---------------------------------------------------------------------------------------------
-// The daemon's registry (the_daemon().s_pkgs) and the bus objects of its packages
+// The daemon's registry (daemon_context::s_pkgs) and the bus objects of its packages
+
+struct daemon_context;
 
 // The per-package object's name: the Packages object's name, ".", the id; cut to 255 characters.
 std::string package_object_name(std::string_view packages_object, std::string_view id);
 
-// Registers a package of identifier `id` with its per-package object on the daemon's connection
-// and returns it. `fields` gives the record's other fields (empty: a new package, status New).
+// Registers a package of identifier `id` in d.s_pkgs with its per-package object on d.ctx and
+// returns it. `fields` gives the record's other fields (empty: a new package, status New).
 // Null when the identifier (or the object name) is already registered or the bus refuses the
 // object; nothing changes then.
-std::shared_ptr<pkg_info> __add_pkg(std::string_view id, pkg_info fields = {});
+std::shared_ptr<pkg_info> add_pkg(daemon_context& d, std::string_view id, pkg_info fields = {});
 
 // Removes the package whose per-package object is named `name` from the bus and the registry.
 // When the bus refuses to remove the object the package stays registered, unchanged, so that
 // the registry never lists a package without the object it is reached by (or the reverse).
-void __del_pkg(std::string_view name);
+void del_pkg(daemon_context& d, std::string_view name);
 
 // The smallest positive integer not taken by a registered identifier.
-std::int32_t __free_id();
+std::int32_t free_id(daemon_context& d);
 
 }  // namespace pkgd

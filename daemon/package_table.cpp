@@ -16,7 +16,7 @@ std::string_view text_or_empty(const OptText& text) {
 
 // "a, b,c" gives a, b and c: blanks are skipped after a comma only, so "a ,b" gives "a " and b.
 // A trailing comma adds no empty item; a leading one gives an empty first item.
-void __add_dependencies(ubus::BlobBuf& body, const OptText& dependency) {
+void add_dependencies(ubus::BlobBuf& body, const OptText& dependency) {
     const auto array = body.open_array("Dependencies");
     std::string_view rest = text_or_empty(dependency);
     while (!rest.empty()) {
@@ -32,7 +32,7 @@ void __add_dependencies(ubus::BlobBuf& body, const OptText& dependency) {
     body.close(array);
 }
 
-void __add_source(ubus::BlobBuf& body, std::string_view url) {
+void add_source(ubus::BlobBuf& body, std::string_view url) {
     const source_parts source = split_source(url);
     const auto table = body.open_table("Source");
     body.add_string("Protocol", source.protocol);
@@ -73,18 +73,18 @@ source_parts split_source(std::string_view url) {
     return parts;
 }
 
-void __dump_pkg(ubus::BlobBuf& body, const pkg_info& pkg, std::string_view status) {
+void dump_pkg(ubus::BlobBuf& body, const pkg_info& pkg, std::string_view status) {
     const du_info& du = pkg.du;
     body.add_string("Id", pkg.id);
     body.add_string("UUID", du.uuid);
     body.add_string("Name", text_or_empty(du.name));
     body.add_string("Description", text_or_empty(du.description));
     body.add_u8("Enabled", du.enabled);
-    __add_source(body, pkg.url);
+    add_source(body, pkg.url);
     body.add_string("Section", text_or_empty(du.section));
     body.add_string("Vendor", text_or_empty(du.vendor));
     body.add_string("Version", du.version);
-    __add_dependencies(body, du.dependency);
+    add_dependencies(body, du.dependency);
     body.add_string("License", text_or_empty(du.license));
     body.add_string("Architecture", text_or_empty(du.architecture));
     body.add_string("Status", status);

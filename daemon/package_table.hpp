@@ -27,6 +27,6 @@ source_parts split_source(std::string_view url);
 // "Name", "Description", "Enabled", "Source" (table), "Section", "Vendor", "Version",
 // "Dependencies" (array of strings), "License", "Architecture", "Status" (`status`, the text of
 // package_get_status), "Install" (table "Timestamp", "Size"). Absent texts read "".
-void __dump_pkg(ubus::BlobBuf& body, const pkg_info& pkg, std::string_view status);
+void dump_pkg(ubus::BlobBuf& body, const pkg_info& pkg, std::string_view status);
 
 }  // namespace pkgd

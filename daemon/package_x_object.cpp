@@ -1,10 +1,10 @@
 #include "daemon/package_x_object.hpp"
 
-#include "daemon/daemon_context.hpp"
+#include <iterator>
+
 #include "daemon/package_table.hpp"
 #include "daemon/reply_envelope.hpp"
 #include "pkgd/run_state.hpp"
-#include "ubus/wire.hpp"
 
 namespace pkgd {
 namespace {
@@ -16,7 +16,7 @@ constexpr ubus::Policy package_x_set_policy[] = {
 };
 
 // What the bus shows as the arguments of "Update" and "IsLatestVersion"; callers send a nested
-// "Source" table.
+// "Source" table, read with package_x_update_policy and the shared source policies.
 constexpr ubus::Policy package_x_update_list_policy[] = {
     {"Source.Protocol", Type::String},
     {"Source.Address", Type::String},
@@ -26,37 +26,71 @@ constexpr ubus::Policy package_x_update_list_policy[] = {
     {"Source.Credentials.Password", Type::String},
 };
 
-// The package as its "List" entry shows it; an empty body when the package has gone meanwhile
-// (removed by an event while the caller held on to the object's id).
-int package_x_get(ubus::Request& req) {
-    ubus::BlobBuf body;
-    if (const registered_pkg* entry = the_daemon().s_pkgs.find_object(req.path()))
-        __dump_pkg(body, *entry->pkg, package_get_status(*entry->pkg));
-    return hlapi_send(req, HLAPI_OK, body.root());
-}
+constexpr ubus::Policy package_x_update_policy[] = {
+    {"Source", Type::Table},
+};
+enum update_field { UPDATE_SOURCE, UPDATE_COUNT };
+static_assert(UPDATE_COUNT == std::size(package_x_update_policy));
 
 // Changing, removing, updating, starting and stopping packages are not built yet: callers are
 // told so plainly rather than being given an answer that nothing follows.
-int not_supported(ubus::Request&) {
+int not_supported(daemon_context&, ubus::Request&) {
     return ubus::kNotSupported;
+}
+
+// The methods of every per-package object, each handler answering from `d`.
+std::shared_ptr<const ubus::ObjectType> package_x_methods(daemon_context& d) {
+    return ubus::ObjectType::make({
+        {"Get", {}, on_context(d, package_x_get)},
+        {"get", {}, on_context(d, package_x_get)},
+        {"Set", package_x_set_policy, on_context(d, package_x_set)},
+        {"set", package_x_set_policy, on_context(d, package_x_set)},
+        {"Delete", {}, on_context(d, package_x_delete)},
+        {"del", {}, on_context(d, package_x_delete)},
+        {"Update", package_x_update_list_policy, on_context(d, package_x_update)},
+        {"Start", {}, on_context(d, package_x_start)},
+        {"Stop", {}, on_context(d, package_x_stop)},
+        {"IsLatestVersion", package_x_update_list_policy, on_context(d, package_x_islatestversion)},
+    });
 }
 
 }  // namespace
 
-std::shared_ptr<const ubus::ObjectType> package_x_object_type() {
-    static const auto package_x_methods = ubus::ObjectType::make({
-        {"Get", {}, package_x_get},
-        {"get", {}, package_x_get},
-        {"Set", package_x_set_policy, not_supported},
-        {"set", package_x_set_policy, not_supported},
-        {"Delete", {}, not_supported},
-        {"del", {}, not_supported},
-        {"Update", package_x_update_list_policy, not_supported},
-        {"Start", {}, not_supported},
-        {"Stop", {}, not_supported},
-        {"IsLatestVersion", package_x_update_list_policy, not_supported},
-    });
-    return package_x_methods;
+source_args read_update_args(ubus::Bytes args) {
+    return read_source(ubus::parse(package_x_update_policy, args)[UPDATE_SOURCE]);
+}
+
+int package_x_get(daemon_context& d, ubus::Request& req) {
+    ubus::BlobBuf body;
+    if (const registered_pkg* entry = d.s_pkgs.find_object(req.path())) {
+        ProcessSnapshot processes(d.sys);
+        dump_pkg(body, *entry->pkg, package_get_status(*entry->pkg, processes));
+    }
+    return hlapi_send(req, HLAPI_OK, body.root());
+}
+
+int package_x_set(daemon_context& d, ubus::Request& req) {
+    return not_supported(d, req);
+}
+int package_x_delete(daemon_context& d, ubus::Request& req) {
+    return not_supported(d, req);
+}
+int package_x_update(daemon_context& d, ubus::Request& req) {
+    return not_supported(d, req);
+}
+int package_x_start(daemon_context& d, ubus::Request& req) {
+    return not_supported(d, req);
+}
+int package_x_stop(daemon_context& d, ubus::Request& req) {
+    return not_supported(d, req);
+}
+int package_x_islatestversion(daemon_context& d, ubus::Request& req) {
+    return not_supported(d, req);
+}
+
+ubus::AddResult add_package_x_object(daemon_context& d, std::string_view name) {
+    if (!d.package_x_type) d.package_x_type = package_x_methods(d);
+    return d.ctx.add_object(name, d.package_x_type);
 }
 
 }  // namespace pkgd

@@ -3,14 +3,31 @@
 // one object type, described to the broker once.
 #pragma once
 
-#include <memory>
+#include <string_view>
 
+#include "daemon/daemon_context.hpp"
+#include "daemon/source_args.hpp"
 #include "ubus/client.hpp"
 
 namespace pkgd {
 
-// "Get"/"get", "Set"/"set", "Delete"/"del", "Update", "Start", "Stop", "IsLatestVersion", with
-// their advertised (flat, dotted) argument lists.
-std::shared_ptr<const ubus::ObjectType> package_x_object_type();
+// Registers a per-package object at `name` on d.ctx: "Get"/"get", "Set"/"set", "Delete"/"del",
+// "Update", "Start", "Stop", "IsLatestVersion", with their advertised (flat, dotted) arguments.
+ubus::AddResult add_package_x_object(daemon_context& d, std::string_view name);
+
+// The handlers; each finds its package by the name of the object called. "Get" answers the
+// package table as "List" shows it, or an empty body when the package has gone meanwhile
+// (removed by an event while the caller held on to the object's id). The others are not built
+// yet and answer the bus status "not supported" without a reply.
+int package_x_get(daemon_context& d, ubus::Request& req);
+int package_x_set(daemon_context& d, ubus::Request& req);
+int package_x_delete(daemon_context& d, ubus::Request& req);
+int package_x_update(daemon_context& d, ubus::Request& req);
+int package_x_start(daemon_context& d, ubus::Request& req);
+int package_x_stop(daemon_context& d, ubus::Request& req);
+int package_x_islatestversion(daemon_context& d, ubus::Request& req);
+
+// The "Source" of an Update or IsLatestVersion request.
+source_args read_update_args(ubus::Bytes args);
 
 }  // namespace pkgd

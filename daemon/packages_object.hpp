@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "daemon/daemon_context.hpp"
 #include "ubus/client.hpp"
 
 namespace pkgd {
@@ -12,8 +13,8 @@ namespace pkgd {
 // "Services.Management.LCM.ExecutionEnvironments.<ee_id>.Packages", cut to 255 characters.
 std::string packages_object_name(std::string_view ee_id);
 
-// Registers the object at `name` with "List"/"get" and "Install"/"add" and their advertised
-// (flat, dotted) argument lists.
-ubus::AddResult add_package_object(ubus::Connection& ctx, std::string_view name);
+// Registers the object at d.object on d.ctx with "List"/"get" and "Install"/"add", their handlers
+// working on `d`.
+ubus::AddResult add_package_object(daemon_context& d);
 
 }  // namespace pkgd

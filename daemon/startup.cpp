@@ -12,6 +12,8 @@
 #include "daemon/packages_object.hpp"
 #include "daemon/restore.hpp"
 #include "pkgd/identity.hpp"
+#include "pkgd/record_files.hpp"
+#include "pkgd/system_env.hpp"
 #include "ubus/loop.hpp"
 #include "ubus/wire.hpp"
 
@@ -29,18 +31,16 @@ void make_dir(const char* path) {
 // Registers the objects in their fixed order, restores the registry and serves. Clients see the
 // execution-environment object last, once every restored package has its object.
 int register_and_serve(daemon_context& d, ubus::Loop& loop) {
-    const std::string& env = package_get_env();
+    if (add_package_object(d).status != ubus::kOk) return kExitNoBus;
+    if (add_lcm_event_handler(d).status != ubus::kOk) return kExitNoBus;
+    d.pkg_name = package_operation_object_name(d.ee.id.view());
+    if (add_opkg_object(d).status != ubus::kOk) return kExitNoBus;
 
-    if (add_package_object(d.ctx, d.object.view()).status != ubus::kOk) return kExitNoBus;
-    if (add_lcm_event_handler(d.ctx).status != ubus::kOk) return kExitNoBus;
-    d.pkg_name = package_operation_object_name(env);
-    if (add_opkg_object(d.ctx, d.pkg_name.view()).status != ubus::kOk) return kExitNoBus;
-
-    restore_registered_packages();
+    restore_registered_packages(d);
 
     // Without this object the packages are still served; its absence only hides the figures.
-    d.s_ee_object = ee_object_name(env);
-    add_ee_object(d.ctx, d.s_ee_object.view());
+    d.s_ee_object = ee_object_name(d.ee.id.view());
+    add_ee_object(d);
 
     // A daemon without its bus can serve nobody: end, so that a supervisor starts it again.
     d.ctx.on_disconnect([&loop] { loop.stop(); });
@@ -50,10 +50,11 @@ int register_and_serve(daemon_context& d, ubus::Loop& loop) {
 
 // Failures here do not stop start-up: a failed detach serves from the foreground, a failed change
 // of root serves the tree as it is. In the foreground the working directory is "/" all the same,
-// as for a detached daemon.
+// as for a detached daemon. After a change of root it is the new "/": a working directory left
+// outside the root would be a way out of it for every relative path.
 void detach_and_change_root(const start_options& options) {
     int ignored = options.foreground ? ::chdir("/") : ::daemon(0, 1);
-    if (!options.root.empty()) ignored = ::chroot(options.root.c_str());
+    if (!options.root.empty() && ::chroot(options.root.c_str()) == 0) ignored = ::chdir("/");
     (void)ignored;
 }
 
@@ -64,11 +65,13 @@ int run_daemon(const start_options& options) {
     make_dir("/usr/local/package/pkg");
     make_dir("/usr/local/package/ee");
     package_init_env();
-    const std::string& env = package_get_env();
-    make_dir(FixedText<256>(std::string("/tmp/opkg-").append(env)).c_str());
+    // The only place bound to the gateway: its record directory, the identity just learnt and
+    // the machine itself.
+    daemon_context d(RecordFiles(std::string(kPackageDir), package_get_ee_name(), true), package_ee_identity(),
+                     real_system_env());
+    make_dir(FixedText<256>(std::string("/tmp/opkg-").append(d.ee.id.view())).c_str());
 
-    daemon_context& d = the_daemon();
-    d.object = packages_object_name(env);
+    d.object = packages_object_name(d.ee.id.view());
     if (d.ctx.connect() != ubus::kOk) return kExitNoBus;
 
     int status = 0;

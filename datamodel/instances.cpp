@@ -25,7 +25,7 @@ private:
     PeerSession peer_{kDataModelTimeoutMs};
 };
 
-std::int32_t __package_xml_create_instance(std::string_view object_path) {
+std::int32_t package_xml_create_instance(std::string_view object_path) {
     if (object_path.empty()) return 0;
     DataModelSession dm;
     if (!dm.open()) return 0;
@@ -40,13 +40,13 @@ std::int32_t __package_xml_create_instance(std::string_view object_path) {
 }  // namespace
 
 std::int32_t package_xml_create_du_instance() {
-    return __package_xml_create_instance(kDeploymentUnitPath);
+    return package_xml_create_instance(kDeploymentUnitPath);
 }
 std::int32_t package_xml_create_eu_instance() {
-    return __package_xml_create_instance(kExecutionUnitPath);
+    return package_xml_create_instance(kExecutionUnitPath);
 }
 std::int32_t package_xml_create_ee_instance() {
-    return __package_xml_create_instance(kExecEnvPath);
+    return package_xml_create_instance(kExecEnvPath);
 }
 
 void package_xml_del_instance(int kind, const operation_info& op) {

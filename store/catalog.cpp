@@ -42,13 +42,13 @@ bool catalog_delete_message(ubus::BlobBuf& msg, int kind, std::int32_t index) {
     return true;
 }
 
-void __update_lcmd_catalog(int kind, std::int32_t index, ubus::Bytes record) {
+void update_lcmd_catalog(int kind, std::int32_t index, ubus::Bytes record) {
     ubus::BlobBuf msg;
     if (!catalog_update_message(msg, kind, index, record)) return;
     call_peer(kLcmCatalogObject, "catalog.update", msg.members(), kCatalogTimeoutMs);
 }
 
-void __delete_lcmd_catalog(int kind, std::int32_t index) {
+void delete_lcmd_catalog(int kind, std::int32_t index) {
     ubus::BlobBuf msg;
     if (!catalog_delete_message(msg, kind, index)) return;
     call_peer(kLcmCatalogObject, "catalog.delete", msg.members(), kCatalogTimeoutMs);

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 
 #include "pkgd/catalog.hpp"
 #include "pkgd/peer_call.hpp"
@@ -18,12 +19,13 @@ constexpr ubus::Policy kCatalogReplyPolicy[] = {
     {"id", ubus::Type::String},      {"name", ubus::Type::String},   {"enabled", ubus::Type::Bool},
     {"version", ubus::Type::String}, {"vendor", ubus::Type::String}, {"type", ubus::Type::String},
 };
-enum { kReplyId, kReplyName, kReplyEnabled, kReplyVersion, kReplyVendor, kReplyType };
+enum CatalogReplyField { kReplyId, kReplyName, kReplyEnabled, kReplyVersion, kReplyVendor, kReplyType, kReplyFieldCount };
+static_assert(kReplyFieldCount == std::size(kCatalogReplyPolicy));
 
 // One reply of the catalog. Each field it carries replaces what an earlier reply set; a field it
 // lacks (or of another type) leaves the value alone. The catalog's "name" is not taken: the
 // environment is called what the variable says, which is also what the catalog was asked for.
-void __init_env(ee_identity& ee, ubus::Bytes members) {
+void init_env(ee_identity& ee, ubus::Bytes members) {
     const auto tb = ubus::parse(kCatalogReplyPolicy, members);
     if (tb[kReplyId]) ee.id = tb[kReplyId].as_string();
     if (tb[kReplyEnabled]) ee.enabled = tb[kReplyEnabled].as_u8();
@@ -43,7 +45,7 @@ ee_identity resolve_ee_identity(const char* execenv_index, CatalogQuery ask_cata
     }
     // Despite its name the variable holds the environment's name.
     ee.name = execenv_index;
-    const int status = ask_catalog(execenv_index, [&ee](ubus::Bytes members) { __init_env(ee, members); });
+    const int status = ask_catalog(execenv_index, [&ee](ubus::Bytes members) { init_env(ee, members); });
     if (ee.id.empty()) ee.id = execenv_index;
     // Whatever the replies said, an identifier from an unfinished request is not trusted.
     if (status != ubus::kOk) ee.id = kFallbackEeId;

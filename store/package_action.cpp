@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kObjectNameMax = 255;
 
-int __package_action(const pkg_info& pkg, std::string_view action) {
+int package_action(const pkg_info& pkg, std::string_view action) {
     ubus::BlobBuf msg;
     operate_message(msg, pkg, action);
     if (call_peer(service_manager_object(package_get_ee_name()), "operate", msg.members(),
@@ -51,10 +51,10 @@ void operate_message(ubus::BlobBuf& msg, const pkg_info& pkg, std::string_view a
 }
 
 int package_start(const pkg_info& pkg) {
-    return __package_action(pkg, "start");
+    return package_action(pkg, "start");
 }
 int package_stop(const pkg_info& pkg) {
-    return __package_action(pkg, "stop");
+    return package_action(pkg, "stop");
 }
 
 }  // namespace pkgd

@@ -1,4 +1,6 @@
 // The members of record files (as loaded from their JSON) -> records.
+#include <iterator>
+
 #include "pkgd/record_files.hpp"
 
 namespace pkgd {
@@ -42,14 +44,20 @@ enum DuField {
     DU_TIME,
     DU_PKGTYPE,
     DU_VENDOR,
+    DU_FIELD_COUNT,
 };
+static_assert(DU_FIELD_COUNT == std::size(kDuPolicy));
 
 constexpr ubus::Policy kEuPolicy[] = {{"euid", Type::String}, {"name", Type::String}};
+enum EuField { EU_EUID, EU_NAME, EU_FIELD_COUNT };
+static_assert(EU_FIELD_COUNT == std::size(kEuPolicy));
 
 constexpr ubus::Policy kEePolicy[] = {
     {"name", Type::String}, {"version", Type::String}, {"vendor", Type::String},
     {"type", Type::String}, {"file", Type::String},
 };
+enum EeField { EE_NAME, EE_VERSION, EE_VENDOR, EE_TYPE, EE_FILE, EE_FIELD_COUNT };
+static_assert(EE_FIELD_COUNT == std::size(kEePolicy));
 
 constexpr ubus::Policy kPkgPolicy[] = {
     {"EE", Type::Int32},
@@ -60,6 +68,17 @@ constexpr ubus::Policy kPkgPolicy[] = {
     {"resource.password", Type::String},
     {"disableautostart", Type::Bool},
 };
+enum PkgField {
+    PKG_EE,
+    PKG_DU,
+    PKG_EU,
+    PKG_URL,
+    PKG_USERNAME,
+    PKG_PASSWORD,
+    PKG_DISABLE_AUTOSTART,
+    PKG_FIELD_COUNT,
+};
+static_assert(PKG_FIELD_COUNT == std::size(kPkgPolicy));
 
 }  // namespace
 
@@ -90,8 +109,8 @@ eu_info eu_record_from(std::int32_t index, ubus::Bytes members) {
     const auto tb = ubus::parse(kEuPolicy, members);
     eu_info eu;
     eu.index = index;
-    set_text(eu.euid, tb[0]);
-    set_text(eu.name, tb[1]);
+    set_text(eu.euid, tb[EU_EUID]);
+    set_text(eu.name, tb[EU_NAME]);
     return eu;
 }
 
@@ -99,30 +118,30 @@ ee_info ee_record_from(std::int32_t index, ubus::Bytes members) {
     const auto tb = ubus::parse(kEePolicy, members);
     ee_info ee;
     ee.index = index;
-    set_text(ee.name, tb[0]);
-    set_text(ee.version, tb[1]);
-    set_text(ee.vendor, tb[2]);
-    set_text(ee.type, tb[3]);
-    set_text(ee.file, tb[4]);
+    set_text(ee.name, tb[EE_NAME]);
+    set_text(ee.version, tb[EE_VERSION]);
+    set_text(ee.vendor, tb[EE_VENDOR]);
+    set_text(ee.type, tb[EE_TYPE]);
+    set_text(ee.file, tb[EE_FILE]);
     return ee;
 }
 
 pkg_record_links apply_pkg_record(pkg_info& pkg, ubus::Bytes members) {
     const auto tb = ubus::parse(kPkgPolicy, members);
     pkg_record_links links;
-    if (tb[0]) links.ee = tb[0].as_i32();
-    if (tb[1]) links.du = tb[1].as_i32();
-    if (tb[2]) {
-        for (ubus::Attr element : tb[2].children()) {
+    if (tb[PKG_EE]) links.ee = tb[PKG_EE].as_i32();
+    if (tb[PKG_DU]) links.du = tb[PKG_DU].as_i32();
+    if (tb[PKG_EU]) {
+        for (ubus::Attr element : tb[PKG_EU].children()) {
             // A malformed element ends the list: nothing after it can be trusted.
             if (!element.valid()) break;
             if (element.type() == Type::Int32) links.eu.push_back(element.as_i32());
         }
     }
-    set_text(pkg.url, tb[3]);
-    set_text(pkg.username, tb[4]);
-    set_text(pkg.password, tb[5]);
-    if (tb[6]) pkg.disable_autostart = tb[6].as_u8();
+    set_text(pkg.url, tb[PKG_URL]);
+    set_text(pkg.username, tb[PKG_USERNAME]);
+    set_text(pkg.password, tb[PKG_PASSWORD]);
+    if (tb[PKG_DISABLE_AUTOSTART]) pkg.disable_autostart = tb[PKG_DISABLE_AUTOSTART].as_u8();
     return links;
 }
 

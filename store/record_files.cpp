@@ -43,12 +43,12 @@ std::string RecordFiles::index_path(std::string_view dir, std::int32_t index) co
 void RecordFiles::store_unit(const std::string& path, int kind, std::int32_t index,
                              const ubus::BlobBuf& msg) const {
     write_record(path, msg);
-    if (mirror_catalog_) __update_lcmd_catalog(kind, index, msg.members());
+    if (mirror_catalog_) update_lcmd_catalog(kind, index, msg.members());
 }
 
 void RecordFiles::delete_unit(const std::string& path, int kind, std::int32_t index) const {
     remove_file(path);
-    if (mirror_catalog_) __delete_lcmd_catalog(kind, index);
+    if (mirror_catalog_) delete_lcmd_catalog(kind, index);
 }
 
 void RecordFiles::store_pkg(const pkg_info& pkg) const {

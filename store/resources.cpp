@@ -1,11 +1,10 @@
 #include "pkgd/resources.hpp"
 
-#include <sys/statfs.h>
-
 #include <array>
 #include <cstddef>
-#include <fstream>
 #include <limits>
+#include <sstream>
+#include <string>
 
 namespace pkgd {
 namespace {
@@ -73,17 +72,26 @@ void storage_from_blocks(std::uint64_t blocks, std::uint64_t free_blocks, std::i
     free = clamp_to_i32(free_blocks < kMaxBlocks ? free_blocks * kKilobytesPerBlock : kMaxBlocks);
 }
 
-void package_get_sys_memroy(std::int32_t& total, std::int32_t& free) {
-    std::ifstream in("/proc/meminfo");
-    if (!in) return;
+void package_get_sys_memroy(SystemEnv& sys, std::int32_t& total, std::int32_t& free) {
+    const std::optional<std::string> text = sys.meminfo();
+    if (!text) return;
+    std::istringstream in(*text);
     read_meminfo(in, total, free);
 }
 
-int package_get_sys_storage(std::int32_t& total, std::int32_t& free) {
-    struct statfs fs {};
-    if (::statfs("/", &fs) != 0) return -1;
-    storage_from_blocks(fs.f_blocks, fs.f_bfree, total, free);
+int package_get_sys_storage(SystemEnv& sys, std::int32_t& total, std::int32_t& free) {
+    const std::optional<fs_figures> fs = sys.root_fs();
+    if (!fs) return -1;
+    storage_from_blocks(fs->blocks, fs->free_blocks, total, free);
     return 0;
+}
+
+void package_get_sys_memroy(std::int32_t& total, std::int32_t& free) {
+    package_get_sys_memroy(real_system_env(), total, free);
+}
+
+int package_get_sys_storage(std::int32_t& total, std::int32_t& free) {
+    return package_get_sys_storage(real_system_env(), total, free);
 }
 
 }  // namespace pkgd

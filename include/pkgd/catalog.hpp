@@ -32,7 +32,7 @@ bool catalog_delete_message(ubus::BlobBuf& msg, int kind, std::int32_t index);
 // Each sends its message over a bus connection of its own and waits at most kCatalogTimeoutMs.
 // Nothing is sent for an unknown kind, and failures are silent: the record files are the truth,
 // the catalog is only told about them. Used by the record files only.
-void __update_lcmd_catalog(int kind, std::int32_t index, ubus::Bytes record);
-void __delete_lcmd_catalog(int kind, std::int32_t index);
+void update_lcmd_catalog(int kind, std::int32_t index, ubus::Bytes record);
+void delete_lcmd_catalog(int kind, std::int32_t index);
 
 }  // namespace pkgd

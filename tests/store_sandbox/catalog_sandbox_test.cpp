@@ -97,12 +97,9 @@ TEST_F(CatalogInGateway, EveryUnitWriteAndDeleteIsMirrored) {
 
 TEST_F(CatalogInGateway, NothingIsSentForAnUnknownKindAndRecordsAreWrittenWithoutACatalog) {
     run_as_worker(*gw_, [](std::string&) {
-        ubus::BlobBuf record;
-        record.add_string("name", "x");
-        __update_lcmd_catalog(3, 1, record.members());
-        __delete_lcmd_catalog(3, 1);
-        __delete_lcmd_catalog(-1, 1);
-        __delete_lcmd_catalog(CATALOG_EU, 8);  // a known kind still goes out
+        update_lcmd_catalog(3, 1, ubus::BlobBuf().members());
+        delete_lcmd_catalog(-1, 1);
+        delete_lcmd_catalog(CATALOG_EU, 8);  // a known kind still goes out
     });
     EXPECT_EQ(sim_requests(*gw_, "catalog"), std::vector<std::string>{removal("ExecutionUnit", 8)});
 

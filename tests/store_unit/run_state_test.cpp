@@ -1,8 +1,10 @@
 // Deciding whether a package runs: the matching of file identities and the status texts (the
-// sandbox tests run a real program reached through links).
+// sandbox tests run a real program reached through links); what the service manager is asked.
 #include "pkgd/run_state.hpp"
 
 #include <gtest/gtest.h>
+
+#include "ubus/json.hpp"
 
 namespace {
 
@@ -32,6 +34,24 @@ TEST(RunState, OnlyAnInstalledPackageIsLookedAtAndTheOtherStatesReadAsTheirNames
     pkg.du.files.reset();
     EXPECT_EQ(package_ispkgactive(pkg), -1);
     EXPECT_EQ(package_get_status(pkg), "Installed");
+}
+
+// The "operate" request names each unit's init script (units without one are left out); an
+// environment package names its environment's script only, or nothing at all.
+TEST(OperateMessage, UnitScriptsOrTheEnvironmentsScript) {
+    const auto message = [](const pkg_info& pkg) {
+        ubus::BlobBuf msg;
+        operate_message(msg, pkg, "start");
+        return ubus::json_format(msg);
+    };
+    pkg_info pkg;
+    EXPECT_EQ(message(pkg), R"({"Operation":"start","name":[]})");
+    pkg.eu = {{4, "EU-4", "demo"}, {8, "EU-8", std::nullopt}, {6, "EU-6", "watch"}};
+    EXPECT_EQ(message(pkg), R"({"Operation":"start","name":["demo","watch"]})");
+    pkg.du.pkgtype = PKGTYPE_EE;
+    EXPECT_EQ(message(pkg), R"({"Operation":"start"})");
+    pkg.ee.emplace().file = "lxc";
+    EXPECT_EQ(message(pkg), R"({"Operation":"start","name":["lxc"]})");
 }
 
 }  // namespace

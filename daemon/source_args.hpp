@@ -1,0 +1,39 @@
+// The "Source" table of the requests that name where a package comes from: Install/add of the
+// Packages object, Update and IsLatestVersion of a per-package object. Callers send it nested,
+// {"Source": {"Protocol": ..., "Credentials": {"Username": ..., "Password": ...}}}.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "ubus/blob.hpp"
+
+namespace pkgd {
+
+inline constexpr ubus::Policy package_install_source_policy[] = {
+    {"Protocol", ubus::Type::String}, {"Address", ubus::Type::String}, {"Port", ubus::Type::Int32},
+    {"Resource", ubus::Type::String}, {"Credentials", ubus::Type::Table},
+};
+enum source_field { SOURCE_PROTOCOL, SOURCE_ADDRESS, SOURCE_PORT, SOURCE_RESOURCE, SOURCE_CREDENTIALS, SOURCE_COUNT };
+static_assert(SOURCE_COUNT == std::size(package_install_source_policy));
+
+inline constexpr ubus::Policy package_install_credential_policy[] = {
+    {"Username", ubus::Type::String},
+    {"Password", ubus::Type::String},
+};
+enum credential_field { CREDENTIAL_USERNAME, CREDENTIAL_PASSWORD, CREDENTIAL_COUNT };
+static_assert(CREDENTIAL_COUNT == std::size(package_install_credential_policy));
+
+// A "Source" table as read. Members absent (or of another type) are absent here; the views point
+// into the request's arguments.
+struct source_args {
+    std::optional<std::string_view> protocol, address, resource, username, password;
+    std::optional<std::int32_t> port;
+};
+
+// Reads a "Source" table; everything absent when `source` is (no table given).
+source_args read_source(ubus::Attr source);
+
+}  // namespace pkgd
