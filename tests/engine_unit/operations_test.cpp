@@ -135,6 +135,20 @@ TEST_F(Operation, EnvironmentPackageAndStoredDeploymentUnit) {
     EXPECT_EQ(again.op.operate_duid, pkg.du.index);
 }
 
+TEST_F(Operation, DiscoveryKeepsFileOrderAndSkipsRefusedUnits) {
+    pkg.du.name = "hello";
+    rig.write("/usr/lib/opkg/info/hello.list", "/etc/init.d/svc1\n\n/etc/init.d/svc2\n/etc/init.d/svc3\n");
+    rig.refused_instance = 8;
+    EXPECT_EQ(package_opkg_update_eu_info(rig.ctx, pkg), 0);
+    ASSERT_EQ(pkg.eu.size(), 2u);
+    EXPECT_TRUE(pkg.eu[0].name == "svc1" && pkg.eu[1].name == "svc3" && pkg.eu[1].euid == ".9");
+    get_filelist(rig.ctx, pkg);
+    EXPECT_EQ(pkg.du.files, "/etc/init.d/svc1;;/etc/init.d/svc2;/etc/init.d/svc3;");
+    pkg.du.name = std::string(40, 'n');  // its list's path would not fit the board's buffer
+    rig.write("/usr/lib/opkg/info/" + *pkg.du.name + ".list", "/etc/init.d/svc1\n");
+    EXPECT_EQ(package_opkg_update_eu_info(rig.ctx, pkg), -1);
+}
+
 TEST_F(Operation, UpdateFailuresRestartTheUnitsAndKeepTheRecords) {
     const std::vector<std::pair<scene_edit, std::string>> rows{
         {[](Scene& t) { t.rig.exit_codes["update"] = 1; }, "log unable to update package list.|report 9017"},
