@@ -200,6 +200,10 @@ TEST_F(Operation, Remove) {
     EXPECT_EQ(story(), "log Start|event 22|log Uninstall|report 9001|event 14");
     EXPECT_TRUE(rig.exists("/usr/local/package/eu/4") && rig.exists("/usr/local/package/pkg/3"));
     rig.exit_codes.clear();
+    pkg.du.name = "-force";  // read as an option, never run
+    EXPECT_EQ(package_opkg_remove_operate(rig.ctx, op), -1);
+    EXPECT_TRUE(rig.only("run opkg remove -").empty());
+    pkg.du.name = "hello";
     EXPECT_EQ(package_opkg_remove_operate(rig.ctx, op), 0);
     EXPECT_EQ(rig.only("delete"), (strings{"delete 0", "delete 2"}));
     EXPECT_FALSE(rig.exists("/usr/local/package/eu/3") || rig.exists("/usr/local/package/eu/4") ||
