@@ -44,7 +44,7 @@ void announce_failure(engine_context& ctx, const operation_info& op, const insta
     ctx.peers.report(op, f.fault);
     package_event_about(ctx, f.event, pkg);
     if (!f.log_first) log_operation(ctx, line, pkg);
-    if (f.remove_package && pkg.du.name) ctx.commands.run({"opkg", "remove", *pkg.du.name});
+    if (f.remove_package && pkg.du.name) opkg_remove(ctx, *pkg.du.name);
 }
 
 // The same steps whatever stage was reached: what does not exist yet has nothing to delete.
@@ -93,9 +93,7 @@ const install_failure* install_steps(engine_context& ctx, operation_info& op, co
     const auto size = static_cast<std::int32_t>(pkg.du.size);
     if (size == 0 || package_opkg_get_sys_mem(size, ctx.sys) != 0) return &kNoMemory;
     if (package_opkg_check_disk_size(size, ctx.sys) != 0) return &kNoDisk;
-    if (ctx.commands.run(
-            {"opkg", "download", url_without_userinfo(pkg.url), "-f", ctx.paths.conf, "-e", "3600"}) != 0)
-        return &kDownload;
+    if (opkg_download(ctx, pkg) != 0) return &kDownload;
     if (verify_package(ctx, local_path, op) != 0) return &kCheck;
     package_event_about(ctx, kLcmDownloadComplete, pkg);
     package_event_about(ctx, kLcmInstalling, pkg);

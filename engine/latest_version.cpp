@@ -42,8 +42,9 @@ int package_opkg_islatestversion(engine_context& ctx, const pkg_info& pkg) {
     std::string_view url = pkg.url;
     const auto split = split_package_url(url.substr(0, 1023));
     if (!split) return 0;
-    if (package_opkg_create_conf(ctx.paths, ctx.paths.query_conf, split->first.c_str(), pkg.username.c_str(),
-                                 pkg.password.c_str(), ctx.paths.query_lists_dir) != 0)
+    const auto [user, password] = feed_credentials(pkg);
+    if (package_opkg_create_conf(ctx.paths, ctx.paths.query_conf, split->first.c_str(), user.c_str(),
+                                 password.c_str(), ctx.paths.query_lists_dir) != 0)
         return 0;
     ::mkdir(ctx.paths.query_lists_dir.c_str(), 0700);
     ctx.commands.run({"opkg", "update", "-f", ctx.paths.query_conf});  // a failed refresh keeps the old index

@@ -45,6 +45,17 @@ bool path_exists(const std::string& path) {
 
 namespace pkgd {
 
+int opkg_download(engine_context& ctx, const pkg_info& pkg) {
+    const std::string url = url_without_userinfo(pkg.url);
+    if (url.empty() || url.front() == '-') return -1;
+    return ctx.commands.run({"opkg", "download", url, "-f", ctx.paths.conf, "-e", "3600"});
+}
+
+int opkg_remove(engine_context& ctx, std::string_view name) {
+    if (name.empty() || name.front() == '-') return -1;
+    return ctx.commands.run({"opkg", "remove", std::string(name)});
+}
+
 void store_pkg_record(engine_context& ctx, const pkg_info& pkg) {
     struct umask_guard {
         mode_t old = ::umask(077);

@@ -31,6 +31,14 @@ bool path_exists(const std::string& path);
 
 namespace pkgd {
 
+// "opkg download <URL without user-info> -f <conf> -e 3600"; a URL opkg would read as an option
+// is refused with -1 and nothing runs.
+int opkg_download(engine_context& ctx, const pkg_info& pkg);
+
+// "opkg remove <name>". A name opkg would read as an option (or no name) is refused with -1 and
+// nothing runs: package names come from feeds and control files.
+int opkg_remove(engine_context& ctx, std::string_view name);
+
 // Stores the package record born 0600: it holds the source's password. (The record files are
 // replaced by renaming a fresh file over the old one, so the mode of the fresh file is what
 // counts, every time.)

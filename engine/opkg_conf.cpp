@@ -19,6 +19,38 @@ bool write_all(int fd, std::string_view text) {
     return true;
 }
 
+// Where the user-info of `url` begins and where its "@" stands; nothing without user-info.
+std::optional<std::pair<std::size_t, std::size_t>> userinfo_span(std::string_view url) {
+    const std::size_t scheme = url.find("://");
+    const std::size_t host = scheme == std::string_view::npos ? 0 : scheme + 3;
+    const std::size_t authority_end = std::min(url.find_first_of("/?#", host), url.size());
+    const std::size_t at = url.substr(0, authority_end).rfind('@');
+    if (at == std::string_view::npos || at < host) return std::nullopt;
+    return std::pair{host, at};
+}
+
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// "%XX" escapes decoded, as a URL's user-info carries them.
+std::string percent_decode(std::string_view text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size() && hex_digit(text[i + 1]) >= 0 &&
+            hex_digit(text[i + 2]) >= 0) {
+            out += static_cast<char>(hex_digit(text[i + 1]) * 16 + hex_digit(text[i + 2]));
+            i += 2;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
 }  // namespace
 
 bool package_opkg_str_starts_with(std::string_view text, std::string_view prefix) {
@@ -69,12 +101,20 @@ std::optional<std::pair<std::string, std::string>> split_package_url(std::string
 }
 
 std::string url_without_userinfo(std::string_view url) {
-    const std::size_t scheme = url.find("://");
-    const std::size_t host = scheme == std::string_view::npos ? 0 : scheme + 3;
-    const std::size_t authority_end = std::min(url.find_first_of("/?#", host), url.size());
-    const std::size_t at = url.substr(0, authority_end).rfind('@');
-    if (at == std::string_view::npos || at < host) return std::string(url);
-    return std::string(url.substr(0, host)).append(url.substr(at + 1));
+    const std::optional<std::pair<std::size_t, std::size_t>> info = userinfo_span(url);
+    if (!info) return std::string(url);
+    return std::string(url.substr(0, info->first)).append(url.substr(info->second + 1));
+}
+
+std::pair<std::string, std::string> feed_credentials(const pkg_info& pkg) {
+    if (!pkg.username.empty()) return {pkg.username.str(), pkg.password.str()};
+    const std::string_view url = pkg.url;
+    const std::optional<std::pair<std::size_t, std::size_t>> info = userinfo_span(url);
+    if (!info) return {};
+    const std::string_view userinfo = url.substr(info->first, info->second - info->first);
+    const std::size_t colon = userinfo.find(':');
+    if (colon == std::string_view::npos) return {percent_decode(userinfo), {}};
+    return {percent_decode(userinfo.substr(0, colon)), percent_decode(userinfo.substr(colon + 1))};
 }
 
 int package_opkg_update(engine_context& ctx, const pkg_info& pkg) {
@@ -84,8 +124,9 @@ int package_opkg_update(engine_context& ctx, const pkg_info& pkg) {
         return -1;
     const auto feed = split_package_url(url);
     if (!feed) return -1;
-    if (package_opkg_create_conf(ctx.paths, ctx.paths.conf, feed->first.c_str(), pkg.username.c_str(),
-                                 pkg.password.c_str()) != 0)
+    const auto [user, password] = feed_credentials(pkg);
+    if (package_opkg_create_conf(ctx.paths, ctx.paths.conf, feed->first.c_str(), user.c_str(),
+                                 password.c_str()) != 0)
         return -1;
     return ctx.commands.run({"opkg", "update", "-f", ctx.paths.conf}) == 0 ? 0 : -1;
 }

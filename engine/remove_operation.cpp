@@ -8,7 +8,7 @@ int package_opkg_remove_operate(engine_context& ctx, operation_info& op) {
     const pkg_info& pkg = *op.pkg;
     log_operation(ctx, "Start uninstalling package %s from %s.\n", pkg);
     package_event_about(ctx, kLcmDeleting, pkg);
-    if (ctx.commands.run({"opkg", "remove", pkg.du.name.value_or("")}) != 0) {
+    if (opkg_remove(ctx, pkg.du.name.value_or("")) != 0) {
         log_operation(ctx, "Uninstall package %s from %s failed.\n", pkg);
         ctx.peers.report(op, kFaultRequestDenied);
         package_event_about(ctx, kLcmDeleteFailed, pkg);

@@ -60,9 +60,7 @@ const update_failure* update_steps(engine_context& ctx, const operation_info& op
     const auto size = static_cast<std::int32_t>(pkg.du.size);
     if (package_opkg_get_sys_mem(size, ctx.sys) != 0) return &kNoMemory;
     if (package_opkg_check_disk_size(size, ctx.sys) != 0) return &kNoDisk;
-    if (ctx.commands.run(
-            {"opkg", "download", url_without_userinfo(pkg.url), "-f", ctx.paths.conf, "-e", "3600"}) != 0)
-        return &kDownload;
+    if (opkg_download(ctx, pkg) != 0) return &kDownload;
     if (verify_package(ctx, local_path, op) != 0) return &kCheck;
     ctx.peers.stop(pkg);
     if (ctx.commands.run({"opkg", "install", local_path}) != 0) return &kInstall;

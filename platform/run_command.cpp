@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 
 #include "pkgd/platform.hpp"
 
@@ -14,6 +15,12 @@ namespace {
 // Everything the child does between fork and exec is async-signal-safe: the argument vector is
 // built before the fork, and the child only moves descriptors and execs.
 [[noreturn]] void exec_child(char* const* argv, int report_fd) {
+    // The command starts with the signal state of a fresh process: nothing blocked, and SIGPIPE
+    // (which a daemon commonly ignores) back to its default, so a writer to a closed pipe ends.
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::signal(SIGPIPE, SIG_DFL);
     const int null_fd = ::open("/dev/null", O_RDONLY);
     if (null_fd < 0 || ::dup2(null_fd, STDIN_FILENO) < 0) ::_exit(127);
     // Keep 0-2 and the exec report pipe (close-on-exec, so a successful exec closes it).

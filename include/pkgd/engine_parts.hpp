@@ -75,6 +75,11 @@ std::optional<std::pair<std::string, std::string>> split_package_url(std::string
 // command lines may show.
 std::string url_without_userinfo(std::string_view url);
 
+// The feed's credentials: the request's user name and password, or, without a user name, the
+// URL's user-info (percent-decoded). The commands see the URL without user-info, so credentials
+// written into the URL reach opkg only through the 0600 configuration file.
+std::pair<std::string, std::string> feed_credentials(const pkg_info& pkg);
+
 // Refreshes the package's feed ("opkg update -f <conf>"). 0 or -1.
 int package_opkg_update(engine_context& ctx, const pkg_info& pkg);
 

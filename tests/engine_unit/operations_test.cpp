@@ -32,18 +32,19 @@ struct Scene {
             rig.write("/usr/lib/opkg/info/hello.list", list);
         };
     }
-    // Events, reports and log lines, shortened to "event N", "report N" and "log <reason>".
-    strings story() const {
-        strings out;
+    // Events, reports and log lines, shortened to "event N", "report N" and "log <reason>", in
+    // order and joined by "|".
+    std::string story() const {
+        std::string out;
         for (const std::string& j : rig.journal) {
             const std::size_t why = j.find("failed for ");
             if (j.starts_with("event") || j.starts_with("report"))
-                out.push_back(j.substr(0, j.find(' ', j.find(' ') + 1)));
+                out += "|" + j.substr(0, j.find(' ', j.find(' ') + 1));
             if (j.starts_with("log"))
-                out.push_back(why == std::string::npos ? j.substr(0, j.find(' ', 4))
-                                                       : "log " + j.substr(why + 11));
+                out += why == std::string::npos ? "|" + j.substr(0, j.find(' ', 4))
+                                                : "|log " + std::string(chomp(j.substr(why + 11)));
         }
-        return out;
+        return out.substr(1);
     }
     bool ran(const std::string& command) const { return !rig.only("run " + command).empty(); }
 };
@@ -51,57 +52,40 @@ struct Operation : Scene, ::testing::Test {};
 using scene_edit = std::function<void(Scene&)>;
 
 TEST_F(Operation, InstallFailuresReportAnnounceAndUndo) {
-    const std::vector<std::tuple<std::string, scene_edit, strings>> rows{
-        {"F1",
-         [](Scene& t) { t.pkg.url = "x.ipk"; },
-         {"report 9017", "event 7", "log irregular pathname.\n"}},
-        {"F2",
-         [](Scene& t) { t.rig.exit_codes["update"] = 1; },
-         {"report 9017", "event 7", "log unable to update package list.\n"}},
-        {"F3",
-         [](Scene& t) { t.feed = "Filename: other.ipk\n"; },
-         {"report 9003", "event 7", "log unable to retrieve package information from Packages.gz.\n"}},
-        {"F4",
-         [](Scene& t) { t.op.operate_duid = 5; },
-         {"report 9017", "event 7", "log unable to get deployment unit information.\n"}},
-        {"F5",
-         [](Scene& t) { t.rig.write("/usr/lib/opkg/info/hello.control", ""); },
-         {"report 9026", "event 7", "log the package is already installed.\n"}},
-        {"F6",
-         [](Scene& t) { t.rig.refused_instance = 7; },
-         {"report 9027", "event 9", "log unable to register deploymentunit configuration node.\n"}},
-        {"F7",
-         [](Scene& t) { t.feed += "Size: 0\n"; },
-         {"log insufficient memory.\n", "report 9027", "event 7"}},
+    const std::vector<std::tuple<std::string, scene_edit, std::string>> rows{
+        {"F1", [](Scene& t) { t.pkg.url = "x.ipk"; }, "report 9017|event 7|log irregular pathname."},
+        {"F2", [](Scene& t) { t.rig.exit_codes["update"] = 1; },
+         "report 9017|event 7|log unable to update package list."},
+        {"F3", [](Scene& t) { t.feed = "Filename: other.ipk\n"; },
+         "report 9003|event 7|log unable to retrieve package information from Packages.gz."},
+        {"F4", [](Scene& t) { t.op.operate_duid = 5; },
+         "report 9017|event 7|log unable to get deployment unit information."},
+        {"F5", [](Scene& t) { t.rig.write("/usr/lib/opkg/info/hello.control", ""); },
+         "report 9026|event 7|log the package is already installed."},
+        {"F6", [](Scene& t) { t.rig.refused_instance = 7; },
+         "report 9027|event 9|log unable to register deploymentunit configuration node."},
+        {"F7", [](Scene& t) { t.feed += "Size: 0\n"; }, "log insufficient memory.|report 9027|event 7"},
         {"F8",
          [](Scene& t) {
              t.rig.fs = fs_figures{4096, 100, 0};
          },
-         {"log insufficient disk.\n", "report 9027", "event 7"}},
-        {"F9",
-         [](Scene& t) { t.rig.exit_codes["download"] = 1; },
-         {"report 9017", "event 7", "log unable to download package.\n"}},
-        {"F10", [](Scene& t) { t.ipk = "junk"; }, {"report 9018", "event 9", "log package check failed.\n"}},
-        {"F11",
-         [](Scene& t) { t.rig.exit_codes["install"] = 2; },
-         {"event 6", "event 21", "report 9001", "event 9", "log package install failed.\n"}},
-        {"F12",
-         [](Scene& t) { t.feed += "Section: LXC\n", t.rig.refused_instance = 8; },
-         {"event 6", "event 21", "log update Execution Environment information failed.\n", "report 9001",
-          "event 9"}},
-        {"F13",
-         [](Scene& t) { t.rig.effects["install"] = [] {}; },
-         {"event 6", "event 21", "log update Execution Unit information failed.\n", "report 9001",
-          "event 9"}},
+         "log insufficient disk.|report 9027|event 7"},
+        {"F9", [](Scene& t) { t.rig.exit_codes["download"] = 1; },
+         "report 9017|event 7|log unable to download package."},
+        {"F10", [](Scene& t) { t.ipk = "junk"; }, "report 9018|event 9|log package check failed."},
+        {"F11", [](Scene& t) { t.rig.exit_codes["install"] = 2; },
+         "event 6|event 21|report 9001|event 9|log package install failed."},
+        {"F12", [](Scene& t) { t.feed += "Section: LXC\n", t.rig.refused_instance = 8; },
+         "event 6|event 21|log update Execution Environment information failed.|report 9001|event 9"},
+        {"F13", [](Scene& t) { t.rig.effects["install"] = [] {}; },
+         "event 6|event 21|log update Execution Unit information failed.|report 9001|event 9"},
     };
     for (const auto& [id, edit, tail] : rows) {
         SCOPED_TRACE(id);
         Scene t;
         edit(t);
         EXPECT_EQ(package_opkg_install_operate(t.rig.ctx, t.op), -1);
-        strings expected{"event 20", "log Start"};
-        expected.insert(expected.end(), tail.begin(), tail.end());
-        EXPECT_EQ(t.story(), expected);
+        EXPECT_EQ(t.story(), "event 20|log Start|" + tail);
         EXPECT_EQ(t.ran("opkg remove hello"), id == "F12" || id == "F13");
         EXPECT_EQ(t.ran("opkg install"), id >= "F11" && id.size() == 3);
         EXPECT_EQ(t.rig.only("delete 0").size(), id == "F1" ? 0u : 1u);
@@ -113,8 +97,7 @@ TEST_F(Operation, InstallFailuresReportAnnounceAndUndo) {
 TEST_F(Operation, InstallSucceedsWithoutLeakingSecrets) {
     pkg.disable_autostart = 1;
     ASSERT_EQ(package_opkg_install_operate(rig.ctx, op), 0);
-    EXPECT_EQ(story(), (strings{"event 20", "log Start", "event 6", "event 21", "report 0", "event 8",
-                                "log Install"}));
+    EXPECT_EQ(story(), "event 20|log Start|event 6|event 21|report 0|event 8|log Install");
     EXPECT_TRUE(ran("opkg download https://feed.example/feed/hello_1.0_arm.ipk -f " + rig.root +
                     "/tmp/.ipk.conf -e 3600"));
     for (const std::string& j : rig.journal)
@@ -152,19 +135,31 @@ TEST_F(Operation, EnvironmentPackageAndStoredDeploymentUnit) {
     EXPECT_EQ(again.op.operate_duid, pkg.du.index);
 }
 
+TEST_F(Operation, DiscoveryKeepsFileOrderAndSkipsRefusedUnits) {
+    pkg.du.name = "hello";
+    rig.write("/usr/lib/opkg/info/hello.list", "/etc/init.d/svc1\n\n/etc/init.d/svc2\n/etc/init.d/svc3\n");
+    rig.refused_instance = 8;
+    EXPECT_EQ(package_opkg_update_eu_info(rig.ctx, pkg), 0);
+    ASSERT_EQ(pkg.eu.size(), 2u);
+    EXPECT_TRUE(pkg.eu[0].name == "svc1" && pkg.eu[1].name == "svc3" && pkg.eu[1].euid == ".9");
+    get_filelist(rig.ctx, pkg);
+    EXPECT_EQ(pkg.du.files, "/etc/init.d/svc1;;/etc/init.d/svc2;/etc/init.d/svc3;");
+    pkg.du.name = std::string(40, 'n');  // its list's path would not fit the board's buffer
+    rig.write("/usr/lib/opkg/info/" + *pkg.du.name + ".list", "/etc/init.d/svc1\n");
+    EXPECT_EQ(package_opkg_update_eu_info(rig.ctx, pkg), -1);
+}
+
 TEST_F(Operation, UpdateFailuresRestartTheUnitsAndKeepTheRecords) {
-    const std::vector<std::pair<scene_edit, strings>> rows{
-        {[](Scene& t) { t.rig.exit_codes["update"] = 1; },
-         {"log unable to update package list.\n", "report 9017"}},
+    const std::vector<std::pair<scene_edit, std::string>> rows{
+        {[](Scene& t) { t.rig.exit_codes["update"] = 1; }, "log unable to update package list.|report 9017"},
         {[](Scene& t) { t.feed = ""; },
-         {"log unable to retrieve package information from Packages.gz.\n", "report 9003"}},
-        {[](Scene& t) { t.rig.meminfo_text = ""; }, {"log insufficient memory.\n", "report 9027"}},
-        {[](Scene& t) { t.rig.fs.reset(); }, {"report 9027"}},
-        {[](Scene& t) { t.rig.exit_codes["download"] = 1; },
-         {"log unable to download package.\n", "report 9017"}},
-        {[](Scene& t) { t.ipk = "junk"; }, {"log package check failed.\n", "report 9018"}},
-        {[](Scene& t) { t.rig.exit_codes["install"] = 1; }, {"log package install failed.\n", "report 9001"}},
-        {[](Scene& t) { t.pkg.url = "x"; }, {"log irregular pathname.\n", "report 9017"}},
+         "log unable to retrieve package information from Packages.gz.|report 9003"},
+        {[](Scene& t) { t.rig.meminfo_text = ""; }, "log insufficient memory.|report 9027"},
+        {[](Scene& t) { t.rig.fs.reset(); }, "report 9027"},
+        {[](Scene& t) { t.rig.exit_codes["download"] = 1; }, "log unable to download package.|report 9017"},
+        {[](Scene& t) { t.ipk = "junk"; }, "log package check failed.|report 9018"},
+        {[](Scene& t) { t.rig.exit_codes["install"] = 1; }, "log package install failed.|report 9001"},
+        {[](Scene& t) { t.pkg.url = "x"; }, "log irregular pathname.|report 9017"},
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
         SCOPED_TRACE(i);
@@ -174,10 +169,7 @@ TEST_F(Operation, UpdateFailuresRestartTheUnitsAndKeepTheRecords) {
         const auto before = read_text_file(t.rig.root + "/usr/local/package/du/5");
         rows[i].first(t);
         package_opkg_update_operate(t.rig.ctx, t.op);
-        strings expected{"event 23", "log Start"};
-        expected.insert(expected.end(), rows[i].second.begin(), rows[i].second.end());
-        expected.push_back("event 24");
-        EXPECT_EQ(t.story(), expected);
+        EXPECT_EQ(t.story(), "event 23|log Start|" + rows[i].second + "|event 24");
         EXPECT_EQ(t.rig.journal.back(), i == 7 ? "event 24 PackageId=pkg.3" : "start");
         EXPECT_EQ(t.rig.only("stop").size(), i == 6 ? 1u : 0u);
         EXPECT_EQ(read_text_file(t.rig.root + "/usr/local/package/du/5"), before);
@@ -190,7 +182,7 @@ TEST_F(Operation, UpdateReplacesTheUnits) {
     pkg.eu.push_back({3, ".3", "old"});
     rig.ctx.records.store_eu(pkg);
     ASSERT_EQ(package_opkg_update_operate(rig.ctx, op), 0);
-    EXPECT_EQ(story(), (strings{"event 23", "log Start", "report 0", "event 25", "log Update"}));
+    EXPECT_EQ(story(), "event 23|log Start|report 0|event 25|log Update");
     EXPECT_EQ(rig.only("delete"), strings{"delete 2"});
     EXPECT_TRUE(!rig.exists("/usr/local/package/eu/3") && rig.exists("/usr/local/package/eu/7"));
     EXPECT_EQ(pkg.du.uuid, "kept");
@@ -205,9 +197,13 @@ TEST_F(Operation, Remove) {
     rig.ctx.records.store_pkg(pkg);
     rig.exit_codes["remove"] = 1;
     EXPECT_EQ(package_opkg_remove_operate(rig.ctx, op), -1);
-    EXPECT_EQ(story(), (strings{"log Start", "event 22", "log Uninstall", "report 9001", "event 14"}));
+    EXPECT_EQ(story(), "log Start|event 22|log Uninstall|report 9001|event 14");
     EXPECT_TRUE(rig.exists("/usr/local/package/eu/4") && rig.exists("/usr/local/package/pkg/3"));
     rig.exit_codes.clear();
+    pkg.du.name = "-force";  // read as an option, never run
+    EXPECT_EQ(package_opkg_remove_operate(rig.ctx, op), -1);
+    EXPECT_TRUE(rig.only("run opkg remove -").empty());
+    pkg.du.name = "hello";
     EXPECT_EQ(package_opkg_remove_operate(rig.ctx, op), 0);
     EXPECT_EQ(rig.only("delete"), (strings{"delete 0", "delete 2"}));
     EXPECT_FALSE(rig.exists("/usr/local/package/eu/3") || rig.exists("/usr/local/package/eu/4") ||

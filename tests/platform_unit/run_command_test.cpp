@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -50,6 +51,13 @@ TEST(RunCommand, ReportsTheExitStatusOrMinusOne) {
     EXPECT_EQ(run_command({"/nonexistent/command"}), -1);
     EXPECT_EQ(run_command({}), -1);
     EXPECT_EQ(real_command_runner().run({"sh", "-c", "exit 4"}), 4);
+    // A signal the caller blocks is not blocked in the command.
+    sigset_t term, old;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &term, &old);
+    EXPECT_EQ(run_command({"sh", "-c", "kill -TERM $$; exit 0"}), -1);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 }  // namespace
