@@ -13,9 +13,15 @@
 namespace opkg {
 namespace {
 
-std::string new_name(const std::string& leaf) { return ".opkg-new." + leaf; }
-std::string old_name(const std::string& leaf) { return ".opkg-old." + leaf; }
-std::string info_backup(const std::string& path) { return path + ".opkg-old"; }
+std::string new_name(const std::string& leaf) {
+    return ".opkg-new." + leaf;
+}
+std::string old_name(const std::string& leaf) {
+    return ".opkg-old." + leaf;
+}
+std::string info_backup(const std::string& path) {
+    return path + ".opkg-old";
+}
 
 bool exists_at(int dir, const std::string& leaf, struct stat* st = nullptr) {
     struct stat local {};
@@ -72,12 +78,15 @@ std::string Transaction::stage_files(const InstallPlan& plan) {
         const std::string temp = new_name(leaf);
         ::unlinkat(dir.get(), temp.c_str(), 0);  // left over by an install that was cut short
         if (entry.kind == ArchiveMember::Kind::symlink) {
-            if (::symlinkat(entry.link.c_str(), dir.get(), temp.c_str()) != 0) return failure(entry.path, "cannot write");
+            if (::symlinkat(entry.link.c_str(), dir.get(), temp.c_str()) != 0)
+                return failure(entry.path, "cannot write");
         } else {
-            UniqueFd out(::openat(dir.get(), temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+            UniqueFd out(::openat(dir.get(), temp.c_str(),
+                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
             if (!out) return failure(entry.path, "cannot write");
             staged_.push_back({parent, leaf});
-            if (!write_all(out.get(), *entry.data) || ::fchmod(out.get(), entry.mode) != 0 || ::fsync(out.get()) != 0)
+            if (!write_all(out.get(), *entry.data) || ::fchmod(out.get(), entry.mode) != 0 ||
+                ::fsync(out.get()) != 0)
                 return failure(entry.path, "cannot write");
             continue;
         }
@@ -127,7 +136,8 @@ std::string Transaction::replace_info(const std::map<std::string, std::optional<
         info_.push_back(change);
         if (!content) continue;
         const bool script = path.size() > 4 && (path.ends_with("inst") || path.ends_with("rm"));
-        if (std::string error = replace_file(path, *content, script ? 0755 : 0644); !error.empty()) return error;
+        if (std::string error = replace_file(path, *content, script ? 0755 : 0644); !error.empty())
+            return error;
         info_.back().wrote_new = true;
     }
     return {};

@@ -26,7 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const auto* entries : {&result.plan.directories, &result.plan.files}) {
         for (const opkg::PlannedEntry& entry : *entries) {
             if (entry.path.empty() || opkg::normalise_member(entry.path) != entry.path) std::abort();
-            if (entry.kind == opkg::ArchiveMember::Kind::symlink && !opkg::link_target_inside(entry.path, entry.link))
+            if (entry.kind == opkg::ArchiveMember::Kind::symlink &&
+                !opkg::link_target_inside(entry.path, entry.link))
                 std::abort();
             for (std::size_t slash = entry.path.find('/'); slash != std::string::npos;
                  slash = entry.path.find('/', slash + 1))
