@@ -101,7 +101,12 @@ std::string Transaction::commit_files() {
         const std::string relative = placed.parent.empty() ? placed.leaf : placed.parent + "/" + placed.leaf;
         if (!dir) return failure(placed.parent, "cannot open");
         if (exists_at(dir.get(), placed.leaf)) {
-            if (::renameat(dir.get(), placed.leaf.c_str(), dir.get(), old_name(placed.leaf).c_str()) != 0)
+            // Kept under a second name (a hard link) so that the rename below replaces the file
+            // in one step: a service reading it during an upgrade never finds it missing.
+            const std::string old = old_name(placed.leaf);
+            ::unlinkat(dir.get(), old.c_str(), 0);
+            if (::linkat(dir.get(), placed.leaf.c_str(), dir.get(), old.c_str(), 0) != 0 &&
+                ::renameat(dir.get(), placed.leaf.c_str(), dir.get(), old.c_str()) != 0)
                 return failure(relative, "cannot replace");
             placed.had_old = true;
         }
@@ -156,11 +161,11 @@ void Transaction::rollback() {
     for (auto it = staged_.rbegin(); it != staged_.rend(); ++it) {
         const UniqueFd dir = root_.open_dir(it->parent);
         if (!dir) continue;
-        if (!it->committed) {
-            ::unlinkat(dir.get(), new_name(it->leaf).c_str(), 0);
-        } else if (it->had_old) {
+        // The old file may be aside even when the new one never took its place.
+        if (!it->committed) ::unlinkat(dir.get(), new_name(it->leaf).c_str(), 0);
+        if (it->had_old) {
             ::renameat(dir.get(), old_name(it->leaf).c_str(), dir.get(), it->leaf.c_str());
-        } else {
+        } else if (it->committed) {
             ::unlinkat(dir.get(), it->leaf.c_str(), 0);
         }
     }
