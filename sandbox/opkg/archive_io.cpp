@@ -68,20 +68,25 @@ std::optional<std::vector<ArchiveMember>> read_archive(std::string_view bytes, s
             member.link = target;
         }
         switch (archive_entry_filetype(entry)) {
-            case AE_IFREG: member.kind = ArchiveMember::Kind::file; break;
-            case AE_IFDIR: member.kind = ArchiveMember::Kind::directory; break;
+            case AE_IFREG:
+                member.kind = ArchiveMember::Kind::file;
+                break;
+            case AE_IFDIR:
+                member.kind = ArchiveMember::Kind::directory;
+                break;
             case AE_IFLNK:
                 member.kind = ArchiveMember::Kind::symlink;
                 if (const char* target = archive_entry_symlink(entry)) member.link = target;
                 break;
-            default: member.kind = ArchiveMember::Kind::other; break;
+            default:
+                member.kind = ArchiveMember::Kind::other;
+                break;
         }
         // ar archives written in deterministic mode carry permission bits only, no file type:
         // their members' contents are read all the same.
         const bool has_data = member.kind == ArchiveMember::Kind::file ||
                               (member.kind == ArchiveMember::Kind::other && !member.hardlink);
-        if (has_data && !read_data(a.get(), member.data, error))
-            return std::nullopt;
+        if (has_data && !read_data(a.get(), member.data, error)) return std::nullopt;
         members.push_back(std::move(member));
     }
     return members;

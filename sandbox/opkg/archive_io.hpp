@@ -13,10 +13,10 @@ struct ArchiveMember {
     enum class Kind { file, directory, symlink, other };
     std::string name;  // as written in the archive
     Kind kind = Kind::other;
-    unsigned mode = 0;       // permission bits
-    std::string link;        // a symlink's target
-    bool hardlink = false;   // a hard link to an earlier member
-    std::string data;        // a regular file's contents
+    unsigned mode = 0;      // permission bits
+    std::string link;       // a symlink's target
+    bool hardlink = false;  // a hard link to an earlier member
+    std::string data;       // a regular file's contents
 };
 
 // Every member of a tar (or ar) archive, gzip-compressed or not; nullopt with `error` set when

@@ -9,8 +9,8 @@ InvocationResult parse_command_line(const std::vector<std::string_view>& args) {
     Invocation& inv = result.invocation;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string_view arg = args[i];
-        const bool takes_value = arg == "-f" || arg == "--conf" || arg == "-o" ||
-                                 arg == "--offline-root" || arg == "-e";
+        const bool takes_value =
+            arg == "-f" || arg == "--conf" || arg == "-o" || arg == "--offline-root" || arg == "-e";
         if (takes_value) {
             if (i + 1 >= args.size()) {
                 result.error = "option " + std::string(arg) + " needs a value";

@@ -15,8 +15,8 @@ struct Invocation {
     std::string command;                // "update", "install", ...
     std::vector<std::string> operands;  // what follows it, options taken out
     std::string config_path = default_config_path;
-    bool config_given = false;          // -f: then the file must exist
-    std::string root;                   // -o: prefix of every state path; empty means "/"
+    bool config_given = false;            // -f: then the file must exist
+    std::string root;                     // -o: prefix of every state path; empty means "/"
     std::optional<long> timeout_seconds;  // -e: bound on a download's transfer time
 };
 

@@ -5,7 +5,9 @@
 namespace opkg {
 namespace {
 
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+bool is_blank(char c) {
+    return c == ' ' || c == '\t' || c == '\r';
+}
 
 std::string_view trim(std::string_view s) {
     while (!s.empty() && is_blank(s.front())) s.remove_prefix(1);
@@ -26,8 +28,7 @@ std::string_view next_word(std::string_view& rest) {
 
 // Values may be quoted when they hold blanks (a password, say); the quotes are not part of them.
 std::string unquote(std::string_view value) {
-    if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
-        value.back() == value.front())
+    if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.back() == value.front())
         value = value.substr(1, value.size() - 2);
     return std::string(value);
 }
@@ -46,8 +47,7 @@ std::string line_error(std::size_t number, std::string_view what) {
 }
 
 // Applies one "option NAME VALUE" line; an empty result means accepted.
-std::string apply_option(Config& config, std::string_view name, std::string_view value,
-                         std::size_t number) {
+std::string apply_option(Config& config, std::string_view name, std::string_view value, std::size_t number) {
     if (name == "check_signature") {
         config.check_signature = !(value == "0" || value == "false" || value == "no");
         return {};

@@ -9,8 +9,8 @@
 namespace opkg {
 
 struct Feed {
-    std::string name;  // the index is stored as LISTS/name, so never a path
-    std::string url;   // without a trailing "/"
+    std::string name;     // the index is stored as LISTS/name, so never a path
+    std::string url;      // without a trailing "/"
     bool gzipped = true;  // "src/gz": URL/Packages.gz; "src": URL/Packages
 };
 

@@ -1,14 +1,14 @@
 #include "control.hpp"
 
-#include <cctype>
 #include <strings.h>
+
+#include <cctype>
 
 namespace opkg {
 
 std::optional<std::string> ControlFields::get(std::string_view key) const {
     for (const auto& [name, value] : fields)
-        if (name.size() == key.size() && strncasecmp(name.data(), key.data(), key.size()) == 0)
-            return value;
+        if (name.size() == key.size() && strncasecmp(name.data(), key.data(), key.size()) == 0) return value;
     return std::nullopt;
 }
 
@@ -41,8 +41,8 @@ ControlFields parse_control(std::string_view text) {
 bool valid_package_name(std::string_view name) {
     if (name.empty() || name.front() == '.' || name.front() == '-') return false;
     for (char c : name) {
-        const bool ok = std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '+' ||
-                        c == '-' || c == '_';
+        const bool ok =
+            std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '+' || c == '-' || c == '_';
         if (!ok) return false;
     }
     return true;

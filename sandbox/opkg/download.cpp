@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
-#include <cstdlib>
 #include <vector>
 
 #include "context.hpp"

@@ -47,6 +47,8 @@ std::string transfer(const std::string& url, const FetchOptions& options, curl_w
         curl_easy_setopt(h, CURLOPT_PASSWORD, options.password.c_str());
         curl_easy_setopt(h, CURLOPT_HTTPAUTH, CURLAUTH_BASIC);
     }
+    // A server that never answers must not hold up the caller (pkgd's worker) for good.
+    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, 30L);
     if (options.timeout_seconds) curl_easy_setopt(h, CURLOPT_TIMEOUT, *options.timeout_seconds);
     const CURLcode code = curl_easy_perform(h);
     if (code == CURLE_OK) return {};

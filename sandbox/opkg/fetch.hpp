@@ -8,10 +8,10 @@
 namespace opkg {
 
 struct FetchOptions {
-    std::string user;      // HTTP basic authentication, FTP login; handed to libcurl only
+    std::string user;  // HTTP basic authentication, FTP login; handed to libcurl only
     std::string password;
     std::optional<long> timeout_seconds;  // bound on the whole transfer
-    std::string ca_file;   // trust anchors for https
+    std::string ca_file;                  // trust anchors for https
 };
 
 // Empty result: the body went to `sink` (a file descriptor, or appended to `out`); otherwise why

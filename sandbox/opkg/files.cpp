@@ -23,7 +23,9 @@ UniqueFd::~UniqueFd() {
     if (fd_ >= 0) ::close(fd_);
 }
 
-std::string errno_text() { return std::strerror(errno); }
+std::string errno_text() {
+    return std::strerror(errno);
+}
 
 std::optional<std::string> read_file(const std::string& path, std::string* error) {
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -66,8 +68,8 @@ std::string replace_file(const std::string& path, std::string_view content, mode
     name.push_back('\0');
     UniqueFd fd(::mkostemp(name.data(), O_CLOEXEC));
     if (!fd) return path + ": cannot create a file beside it: " + errno_text();
-    const bool written = write_all(fd.get(), content) && ::fchmod(fd.get(), mode) == 0 &&
-                         ::fsync(fd.get()) == 0;
+    const bool written =
+        write_all(fd.get(), content) && ::fchmod(fd.get(), mode) == 0 && ::fsync(fd.get()) == 0;
     const std::string failure = written ? std::string{} : path + ": " + errno_text();
     fd = UniqueFd();
     if (!written || ::rename(name.data(), path.c_str()) != 0) {

@@ -22,14 +22,16 @@ namespace {
 // Free space for the new files, counting each by the blocks it takes.
 std::string check_space(const std::string& root, const InstallPlan& plan) {
     struct statvfs fs {};
-    if (::statvfs(root.empty() ? "/" : root.c_str(), &fs) != 0) return "cannot tell the free space: " + errno_text();
+    if (::statvfs(root.empty() ? "/" : root.c_str(), &fs) != 0)
+        return "cannot tell the free space: " + errno_text();
     const std::uint64_t block = fs.f_frsize ? fs.f_frsize : 4096;
     std::uint64_t needed = 0;
     for (const PlannedEntry& entry : plan.files)
         needed += ((entry.data ? entry.data->size() : 0) + block - 1) / block * block + block;
     const std::uint64_t available = static_cast<std::uint64_t>(fs.f_bavail) * block;
     if (needed > available)
-        return "not enough space: " + std::to_string(needed) + " bytes needed, " + std::to_string(available) + " free";
+        return "not enough space: " + std::to_string(needed) + " bytes needed, " + std::to_string(available) +
+               " free";
     return {};
 }
 
@@ -52,7 +54,8 @@ void remove_unused_directories(const RootDir& root, const InstallPlan& plan, std
     std::set<std::string> used;
     for (const PlannedEntry& entry : plan.directories) used.insert("/" + entry.path);
     for (const PlannedEntry& entry : plan.files)
-        for (std::size_t slash = entry.path.find('/'); slash != std::string::npos; slash = entry.path.find('/', slash + 1))
+        for (std::size_t slash = entry.path.find('/'); slash != std::string::npos;
+             slash = entry.path.find('/', slash + 1))
             used.insert("/" + entry.path.substr(0, slash));
     std::sort(dirs.rbegin(), dirs.rend());
     for (const std::string& dir : dirs) {
@@ -120,7 +123,8 @@ int run_install(const Context& context) {
     if (std::string e = transaction.create_directories(plan); !e.empty()) return fail(e);
     if (std::string e = transaction.stage_files(plan); !e.empty()) return fail(e);
     if (upgrade) {
-        if (std::string e = run_script(db.file(package->name, "prerm"), "upgrade", context.invocation.root); !e.empty())
+        if (std::string e = run_script(db.file(package->name, "prerm"), "upgrade", context.invocation.root);
+            !e.empty())
             return fail(e);
     }
     if (std::string e = transaction.commit_files(); !e.empty()) return fail(e);
@@ -131,7 +135,8 @@ int run_install(const Context& context) {
     for (const std::string& created : transaction.created_directories()) dirs.push_back("/" + created);
     std::sort(dirs.begin(), dirs.end());
     dirs.erase(std::unique(dirs.begin(), dirs.end()), dirs.end());
-    if (std::string e = transaction.replace_info(info_files(db, *package, plan, dirs)); !e.empty()) return fail(e);
+    if (std::string e = transaction.replace_info(info_files(db, *package, plan, dirs)); !e.empty())
+        return fail(e);
     if (std::string e = run_script(db.file(package->name, "postinst"), "configure", context.invocation.root);
         !e.empty())
         return fail(e);

@@ -36,7 +36,9 @@ PlanResult plan_install(const std::vector<ArchiveMember>& data,
         }
         PlannedEntry entry{*path, member.kind, member.mode & 07777, member.link, nullptr};
         switch (member.kind) {
-            case ArchiveMember::Kind::directory: plan.directories.push_back(entry); break;
+            case ArchiveMember::Kind::directory:
+                plan.directories.push_back(entry);
+                break;
             case ArchiveMember::Kind::symlink:
                 if (!link_target_inside(*path, member.link)) {
                     result.error = "symbolic link " + member.name + " points outside /";
@@ -54,9 +56,11 @@ PlanResult plan_install(const std::vector<ArchiveMember>& data,
     }
     // A link of the package's own must not redirect where its other members go.
     for (const std::string& path : seen) {
-        for (std::size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        for (std::size_t slash = path.find('/'); slash != std::string::npos;
+             slash = path.find('/', slash + 1)) {
             if (links.count(path.substr(0, slash))) {
-                result.error = "member " + path + " lies below the package's symbolic link " + path.substr(0, slash);
+                result.error =
+                    "member " + path + " lies below the package's symbolic link " + path.substr(0, slash);
                 return result;
             }
         }

@@ -13,10 +13,10 @@
 namespace opkg {
 
 struct PlannedEntry {
-    std::string path;  // relative to the root, "usr/bin/x"
+    std::string path;                                      // relative to the root, "usr/bin/x"
     ArchiveMember::Kind kind = ArchiveMember::Kind::file;  // file, directory or symlink
     unsigned mode = 0;
-    std::string link;                 // a symlink's target
+    std::string link;                   // a symlink's target
     const std::string* data = nullptr;  // a file's contents, owned by the archive members
 };
 

@@ -4,13 +4,12 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <optional>
-#include <system_error>
-
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <map>
+#include <optional>
+#include <system_error>
 
 #include "context.hpp"
 #include "files.hpp"
@@ -70,8 +69,12 @@ int main(int argc, char** argv) {
     }
 
     const std::map<std::string_view, int (*)(const Context&)> commands = {
-        {"update", run_update},   {"download", run_download},         {"install", run_install},
-        {"remove", run_remove},   {"list-installed", run_list_installed}, {"info", run_info},
+        {"update", run_update},
+        {"download", run_download},
+        {"install", run_install},
+        {"remove", run_remove},
+        {"list-installed", run_list_installed},
+        {"info", run_info},
         {"sha256sum", run_sha256sum},
     };
     const auto command = commands.find(context.invocation.command);

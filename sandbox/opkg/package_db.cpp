@@ -24,7 +24,8 @@ std::vector<std::string> PackageDb::packages() const {
     for (const auto& entry : std::filesystem::directory_iterator(info_dir, ec)) {
         const std::string leaf = entry.path().filename().string();
         constexpr std::string_view suffix = ".control";
-        if (leaf.size() <= suffix.size() || leaf.compare(leaf.size() - suffix.size(), suffix.size(), suffix) != 0)
+        if (leaf.size() <= suffix.size() ||
+            leaf.compare(leaf.size() - suffix.size(), suffix.size(), suffix) != 0)
             continue;
         std::string name = leaf.substr(0, leaf.size() - suffix.size());
         if (valid_package_name(name)) names.push_back(std::move(name));

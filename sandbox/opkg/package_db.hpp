@@ -14,7 +14,7 @@ namespace opkg {
 inline constexpr const char* info_dir_inside = "/usr/lib/opkg/info";
 
 // The suffixes of the info files that belong to one package.
-inline constexpr const char* info_suffixes[] = {"control", "list", "dirs", "conffiles",
+inline constexpr const char* info_suffixes[] = {"control", "list",     "dirs",  "conffiles",
                                                 "preinst", "postinst", "prerm", "postrm"};
 
 struct PackageDb {

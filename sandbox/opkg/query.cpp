@@ -25,7 +25,8 @@ int run_info(const Context& context) {
     const std::string& name = context.invocation.operands.front();
     const PackageDb db = context.db();
     std::string error;
-    const std::optional<std::string> text = db.installed(name) ? read_file(db.file(name, "control"), &error) : std::nullopt;
+    const std::optional<std::string> text =
+        db.installed(name) ? read_file(db.file(name, "control"), &error) : std::nullopt;
     if (!text) {
         report("package " + name + " is not installed");
         return exit_failed;

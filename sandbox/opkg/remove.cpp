@@ -33,7 +33,8 @@ int run_remove(const Context& context) {
     }
     std::printf("Removing package %s from root...\n", name.c_str());
     // A prerm that refuses keeps the package as it is.
-    if (std::string error = run_script(db.file(name, "prerm"), "remove", context.invocation.root); !error.empty()) {
+    if (std::string error = run_script(db.file(name, "prerm"), "remove", context.invocation.root);
+        !error.empty()) {
         report("cannot remove " + name + ": " + error);
         return exit_failed;
     }
@@ -50,7 +51,8 @@ int run_remove(const Context& context) {
         }
     };
     for (const std::string& path : db.lines(name, "list")) remove_at(path, 0);
-    if (std::string error = run_script(db.file(name, "postrm"), "remove", context.invocation.root); !error.empty())
+    if (std::string error = run_script(db.file(name, "postrm"), "remove", context.invocation.root);
+        !error.empty())
         report("warning: " + error);
     std::vector<std::string> dirs = db.lines(name, "dirs");
     std::sort(dirs.rbegin(), dirs.rend());

@@ -19,7 +19,8 @@ std::string run_script(const std::string& script, const std::string& action, con
     const pid_t pid = ::fork();
     if (pid < 0) return "cannot start " + script + ": " + errno_text();
     if (pid == 0) {
-        if (::chdir("/") == 0) ::execve(argv[0], const_cast<char* const*>(argv), const_cast<char* const*>(envp));
+        if (::chdir("/") == 0)
+            ::execve(argv[0], const_cast<char* const*>(argv), const_cast<char* const*>(envp));
         _exit(127);
     }
     int status = 0;
@@ -27,7 +28,8 @@ std::string run_script(const std::string& script, const std::string& action, con
         if (errno != EINTR) return "lost " + script + ": " + errno_text();
     }
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return {};
-    if (WIFEXITED(status)) return script + " " + action + " failed with exit status " + std::to_string(WEXITSTATUS(status));
+    if (WIFEXITED(status))
+        return script + " " + action + " failed with exit status " + std::to_string(WEXITSTATUS(status));
     return script + " " + action + " was killed by signal " + std::to_string(WTERMSIG(status));
 }
 

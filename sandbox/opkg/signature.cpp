@@ -17,7 +17,9 @@ namespace {
 template <auto Free>
 struct Deleter {
     template <typename T>
-    void operator()(T* object) const { Free(object); }
+    void operator()(T* object) const {
+        Free(object);
+    }
 };
 using Bio = std::unique_ptr<BIO, Deleter<BIO_free>>;
 using Pkcs7 = std::unique_ptr<PKCS7, Deleter<PKCS7_free>>;

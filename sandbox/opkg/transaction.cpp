@@ -13,9 +13,15 @@
 namespace opkg {
 namespace {
 
-std::string new_name(const std::string& leaf) { return ".opkg-new." + leaf; }
-std::string old_name(const std::string& leaf) { return ".opkg-old." + leaf; }
-std::string info_backup(const std::string& path) { return path + ".opkg-old"; }
+std::string new_name(const std::string& leaf) {
+    return ".opkg-new." + leaf;
+}
+std::string old_name(const std::string& leaf) {
+    return ".opkg-old." + leaf;
+}
+std::string info_backup(const std::string& path) {
+    return path + ".opkg-old";
+}
 
 bool exists_at(int dir, const std::string& leaf, struct stat* st = nullptr) {
     struct stat local {};
@@ -72,12 +78,15 @@ std::string Transaction::stage_files(const InstallPlan& plan) {
         const std::string temp = new_name(leaf);
         ::unlinkat(dir.get(), temp.c_str(), 0);  // left over by an install that was cut short
         if (entry.kind == ArchiveMember::Kind::symlink) {
-            if (::symlinkat(entry.link.c_str(), dir.get(), temp.c_str()) != 0) return failure(entry.path, "cannot write");
+            if (::symlinkat(entry.link.c_str(), dir.get(), temp.c_str()) != 0)
+                return failure(entry.path, "cannot write");
         } else {
-            UniqueFd out(::openat(dir.get(), temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+            UniqueFd out(::openat(dir.get(), temp.c_str(),
+                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
             if (!out) return failure(entry.path, "cannot write");
             staged_.push_back({parent, leaf});
-            if (!write_all(out.get(), *entry.data) || ::fchmod(out.get(), entry.mode) != 0 || ::fsync(out.get()) != 0)
+            if (!write_all(out.get(), *entry.data) || ::fchmod(out.get(), entry.mode) != 0 ||
+                ::fsync(out.get()) != 0)
                 return failure(entry.path, "cannot write");
             continue;
         }
@@ -92,7 +101,12 @@ std::string Transaction::commit_files() {
         const std::string relative = placed.parent.empty() ? placed.leaf : placed.parent + "/" + placed.leaf;
         if (!dir) return failure(placed.parent, "cannot open");
         if (exists_at(dir.get(), placed.leaf)) {
-            if (::renameat(dir.get(), placed.leaf.c_str(), dir.get(), old_name(placed.leaf).c_str()) != 0)
+            // Kept under a second name (a hard link) so that the rename below replaces the file
+            // in one step: a service reading it during an upgrade never finds it missing.
+            const std::string old = old_name(placed.leaf);
+            ::unlinkat(dir.get(), old.c_str(), 0);
+            if (::linkat(dir.get(), placed.leaf.c_str(), dir.get(), old.c_str(), 0) != 0 &&
+                ::renameat(dir.get(), placed.leaf.c_str(), dir.get(), old.c_str()) != 0)
                 return failure(relative, "cannot replace");
             placed.had_old = true;
         }
@@ -127,7 +141,8 @@ std::string Transaction::replace_info(const std::map<std::string, std::optional<
         info_.push_back(change);
         if (!content) continue;
         const bool script = path.size() > 4 && (path.ends_with("inst") || path.ends_with("rm"));
-        if (std::string error = replace_file(path, *content, script ? 0755 : 0644); !error.empty()) return error;
+        if (std::string error = replace_file(path, *content, script ? 0755 : 0644); !error.empty())
+            return error;
         info_.back().wrote_new = true;
     }
     return {};
@@ -146,11 +161,11 @@ void Transaction::rollback() {
     for (auto it = staged_.rbegin(); it != staged_.rend(); ++it) {
         const UniqueFd dir = root_.open_dir(it->parent);
         if (!dir) continue;
-        if (!it->committed) {
-            ::unlinkat(dir.get(), new_name(it->leaf).c_str(), 0);
-        } else if (it->had_old) {
+        // The old file may be aside even when the new one never took its place.
+        if (!it->committed) ::unlinkat(dir.get(), new_name(it->leaf).c_str(), 0);
+        if (it->had_old) {
             ::renameat(dir.get(), old_name(it->leaf).c_str(), dir.get(), it->leaf.c_str());
-        } else {
+        } else if (it->committed) {
             ::unlinkat(dir.get(), it->leaf.c_str(), 0);
         }
     }

@@ -32,10 +32,12 @@ std::string update_feed(const Context& context, const Feed& feed) {
         std::string signature;
         if (std::string error = fetch_to_string(signature_url, signature, options); !error.empty())
             return "no signature: " + error;
-        const std::string ca_file =
-            context.config.signature_ca_file.empty() ? std::string{} : context.path(context.config.signature_ca_file);
-        const std::string ca_path =
-            context.config.signature_ca_path.empty() ? std::string{} : context.path(context.config.signature_ca_path);
+        const std::string ca_file = context.config.signature_ca_file.empty()
+                                        ? std::string{}
+                                        : context.path(context.config.signature_ca_file);
+        const std::string ca_path = context.config.signature_ca_path.empty()
+                                        ? std::string{}
+                                        : context.path(context.config.signature_ca_path);
         if (std::string error = verify_detached_signature(index, signature, ca_file, ca_path); !error.empty())
             return printable_url(signature_url) + ": " + error;
     }

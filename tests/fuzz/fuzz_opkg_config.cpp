@@ -22,9 +22,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     static constexpr std::string_view messages[] = {
-        "src/gz needs a name and a URL", "src needs a name and a URL",
-        "a feed name must be a plain file name", "option tmp_dir needs a value",
-        "option proxy_user needs a value", "option proxy_passwd needs a value",
+        "src/gz needs a name and a URL",          "src needs a name and a URL",
+        "a feed name must be a plain file name",  "option tmp_dir needs a value",
+        "option proxy_user needs a value",        "option proxy_passwd needs a value",
         "option signature_ca_file needs a value", "option signature_ca_path needs a value",
         "option lists_dir needs a value",
     };

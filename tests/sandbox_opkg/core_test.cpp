@@ -66,7 +66,8 @@ TEST(OpkgConfig, RefusesBadLinesWithoutEchoingTheirValues) {
 
 TEST(OpkgCommandLine, TakesOptionsBeforeAndAfterTheCommand) {
     const auto parse = [](std::vector<std::string_view> args) { return opkg::parse_command_line(args); };
-    const opkg::InvocationResult after = parse({"download", "http://h/x.ipk", "-f", "/tmp/.ipk.conf", "-e", "3600"});
+    const opkg::InvocationResult after =
+        parse({"download", "http://h/x.ipk", "-f", "/tmp/.ipk.conf", "-e", "3600"});
     ASSERT_TRUE(after.ok()) << after.error;
     EXPECT_EQ(after.invocation.command, "download");
     EXPECT_EQ(after.invocation.operands, std::vector<std::string>{"http://h/x.ipk"});
@@ -79,8 +80,10 @@ TEST(OpkgCommandLine, TakesOptionsBeforeAndAfterTheCommand) {
     EXPECT_EQ(parse({"list-installed"}).invocation.config_path, "/etc/opkg.conf");
     EXPECT_EQ(parse({"-o", "/", "info", "x"}).invocation.root, "");
     for (std::vector<std::string_view> bad : {std::vector<std::string_view>{"update", "-f"},
-                                              {"download", "u", "-e", "0"}, {"download", "u", "-e", "9x"},
-                                              {"update", "--force"}, {"-f", "c"}})
+                                              {"download", "u", "-e", "0"},
+                                              {"download", "u", "-e", "9x"},
+                                              {"update", "--force"},
+                                              {"-f", "c"}})
         EXPECT_FALSE(parse(bad).ok()) << bad.front();
 }
 
@@ -89,9 +92,15 @@ TEST(OpkgMemberPath, KeepsMembersBelowTheRoot) {
         const char* name;
         std::optional<std::string> path;
     } cases[] = {
-        {"./usr/bin/x", "usr/bin/x"}, {"usr/bin/x", "usr/bin/x"}, {"/usr/bin/x", "usr/bin/x"},
-        {"usr//bin/./x/", "usr/bin/x"}, {"./", ""}, {"usr/..x", "usr/..x"},
-        {"../etc/passwd", std::nullopt}, {"usr/../../etc", std::nullopt}, {"/../etc/x", std::nullopt},
+        {"./usr/bin/x", "usr/bin/x"},
+        {"usr/bin/x", "usr/bin/x"},
+        {"/usr/bin/x", "usr/bin/x"},
+        {"usr//bin/./x/", "usr/bin/x"},
+        {"./", ""},
+        {"usr/..x", "usr/..x"},
+        {"../etc/passwd", std::nullopt},
+        {"usr/../../etc", std::nullopt},
+        {"/../etc/x", std::nullopt},
         {"usr/a\nb", std::nullopt},
     };
     for (const auto& c : cases) EXPECT_EQ(opkg::normalise_member(c.name), c.path) << c.name;
@@ -101,8 +110,10 @@ TEST(OpkgMemberPath, KeepsMembersBelowTheRoot) {
         const char* target;
         bool inside;
     } links[] = {
-        {"usr/lib/a", "b", true}, {"usr/lib/a", "../../etc/passwd", true}, {"a", "/etc/passwd", true},
-        {"usr/lib/a", "../../../etc", false}, {"a", "/../etc", false}, {"a", "..", false}, {"a", "", false},
+        {"usr/lib/a", "b", true},   {"usr/lib/a", "../../etc/passwd", true},
+        {"a", "/etc/passwd", true}, {"usr/lib/a", "../../../etc", false},
+        {"a", "/../etc", false},    {"a", "..", false},
+        {"a", "", false},
     };
     for (const auto& l : links) EXPECT_EQ(opkg::link_target_inside(l.link, l.target), l.inside) << l.target;
 }
@@ -113,7 +124,9 @@ ArchiveMember file(std::string name, std::string data = "x") {
 ArchiveMember link(std::string name, std::string target) {
     return {std::move(name), ArchiveMember::Kind::symlink, 0777, std::move(target), false, {}};
 }
-ArchiveMember dir(std::string name) { return {std::move(name), ArchiveMember::Kind::directory, 0755, {}, false, {}}; }
+ArchiveMember dir(std::string name) {
+    return {std::move(name), ArchiveMember::Kind::directory, 0755, {}, false, {}};
+}
 
 TEST(OpkgInstallPlan, RefusesWhatCannotBeInstalledSafely) {
     ArchiveMember hard = file("./opt/h");
@@ -127,7 +140,8 @@ TEST(OpkgInstallPlan, RefusesWhatCannotBeInstalledSafely) {
     } cases[] = {
         {{file("./opt/../../etc/x")}, "member ./opt/../../etc/x would land outside /"},
         {{link("./opt/l", "../../../etc")}, "symbolic link ./opt/l points outside /"},
-        {{link("./opt/l", "/etc"), file("./opt/l/passwd")}, "member opt/l/passwd lies below the package's symbolic link opt/l"},
+        {{link("./opt/l", "/etc"), file("./opt/l/passwd")},
+         "member opt/l/passwd lies below the package's symbolic link opt/l"},
         {{file("./opt/shared")}, "/opt/shared belongs to package other"},
         {{file("./opt/a"), file("opt/a")}, "member opt/a appears twice"},
         {{hard}, "member ./opt/h is not a file, directory or symbolic link"},
@@ -137,8 +151,12 @@ TEST(OpkgInstallPlan, RefusesWhatCannotBeInstalledSafely) {
 }
 
 TEST(OpkgInstallPlan, ListsFilesAndLinksAndOrdersDirectories) {
-    const std::vector<ArchiveMember> members{dir("./"), dir("./opt/p/sub"), dir("./opt/p"), file("./opt/p/a", "abc"),
-                                             link("./opt/p/l", "a"), file("./etc/init.d/p", "#!")};
+    const std::vector<ArchiveMember> members{dir("./"),
+                                             dir("./opt/p/sub"),
+                                             dir("./opt/p"),
+                                             file("./opt/p/a", "abc"),
+                                             link("./opt/p/l", "a"),
+                                             file("./etc/init.d/p", "#!")};
     const opkg::PlanResult r = opkg::plan_install(members, {{"/opt/p", "other"}});
     ASSERT_TRUE(r.ok()) << r.error;
     EXPECT_EQ(r.plan.list(), (std::vector<std::string>{"/opt/p/a", "/opt/p/l", "/etc/init.d/p"}));

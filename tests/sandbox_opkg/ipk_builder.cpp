@@ -18,7 +18,9 @@ namespace {
 template <auto Free>
 struct Deleter {
     template <typename T>
-    void operator()(T* object) const { Free(object); }
+    void operator()(T* object) const {
+        Free(object);
+    }
 };
 using Writer = std::unique_ptr<archive, Deleter<archive_write_free>>;
 using Entry = std::unique_ptr<archive_entry, Deleter<archive_entry_free>>;
@@ -69,12 +71,16 @@ std::string tar_gz(const std::vector<Member>& members) {
                         archive_entry_set_filetype(e.get(), AE_IFREG);
                         archive_entry_set_size(e.get(), static_cast<la_int64_t>(m.data.size()));
                         break;
-                    case Member::Kind::directory: archive_entry_set_filetype(e.get(), AE_IFDIR); break;
+                    case Member::Kind::directory:
+                        archive_entry_set_filetype(e.get(), AE_IFDIR);
+                        break;
                     case Member::Kind::symlink:
                         archive_entry_set_filetype(e.get(), AE_IFLNK);
                         archive_entry_set_symlink(e.get(), m.data.c_str());
                         break;
-                    case Member::Kind::fifo: archive_entry_set_filetype(e.get(), AE_IFIFO); break;
+                    case Member::Kind::fifo:
+                        archive_entry_set_filetype(e.get(), AE_IFIFO);
+                        break;
                 }
                 if (archive_write_header(a, e.get()) != ARCHIVE_OK) return false;
                 if (m.kind == Member::Kind::file && !m.data.empty() &&
@@ -99,7 +105,8 @@ std::string gzip(std::string_view data) {
         });
 }
 
-std::string ipk(std::string_view control, const std::vector<Member>& data, const std::vector<Member>& scripts) {
+std::string ipk(std::string_view control, const std::vector<Member>& data,
+                const std::vector<Member>& scripts) {
     std::vector<Member> control_members{{"./control", std::string(control)}};
     control_members.insert(control_members.end(), scripts.begin(), scripts.end());
     return tar_gz({{"./debian-binary", "2.0\n"},
@@ -122,7 +129,8 @@ Signer::Signer(long valid_from_days, long valid_days) : keys_(std::make_unique<K
     X509_gmtime_adj(X509_getm_notBefore(cert), valid_from_days * 86400);
     X509_gmtime_adj(X509_getm_notAfter(cert), (valid_from_days + valid_days) * 86400);
     X509_NAME* name = X509_get_subject_name(cert);
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("feed"), -1, -1, 0);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("feed"), -1,
+                               -1, 0);
     X509_set_issuer_name(cert, name);
     X509_set_pubkey(cert, keys_->key.get());
     check(X509_sign(cert, keys_->key.get(), EVP_sha256()) > 0, "certificate");

@@ -43,7 +43,9 @@ protected:
         s << in.rdbuf();
         return s.str();
     }
-    static bool exists(const std::string& inside) { return fs::exists(fs::symlink_status(gw_->path(inside))); }
+    static bool exists(const std::string& inside) {
+        return fs::exists(fs::symlink_status(gw_->path(inside)));
+    }
     // Every path below these directories with its contents or link target: the state an install
     // that fails must leave as it found it.
     static std::map<std::string, std::string> snapshot() {
@@ -51,8 +53,9 @@ protected:
         for (const char* top : {"/opt", "/etc", "/usr/lib/opkg/info"})
             for (const auto& e : fs::recursive_directory_iterator(gw_->path(top))) {
                 const std::string inside = "/" + e.path().lexically_relative(gw_->root()).string();
-                state[inside] = e.is_symlink() ? "-> " + fs::read_symlink(e.path()).string()
-                                : e.is_regular_file() ? read(inside) : "dir";
+                state[inside] = e.is_symlink()        ? "-> " + fs::read_symlink(e.path()).string()
+                                : e.is_regular_file() ? read(inside)
+                                                      : "dir";
             }
         return state;
     }
@@ -60,7 +63,8 @@ protected:
         return "#!/bin/sh\necho \"$1\" >> /tmp/" + name + ".log\n" + body;
     }
     static std::string control(const std::string& name, const std::string& version) {
-        return "Package: " + name + "\nVersion: " + version + "\nArchitecture: arm\nDescription: test\n more\n";
+        return "Package: " + name + "\nVersion: " + version +
+               "\nArchitecture: arm\nDescription: test\n more\n";
     }
     static inline std::unique_ptr<sandbox::Gateway> gw_;
 };
@@ -89,9 +93,12 @@ TEST_F(OpkgSandbox, UpdateReplacesTheIndexOnlyWhenItsSignatureHolds) {
         if (!c.signature.empty()) put(feed + "/Packages.sig", c.signature);
         const std::string lists = std::string("/var/lists-") + c.name;
         put(lists + "/ipklist", "old index\n");
-        put("/tmp/update.conf", "src/gz ipklist file://" + feed + "\narch arm 100\noption proxy_passwd S3cr3t\n" +
-                                    "option lists_dir ext " + lists + "\n" +
-                                    (c.check ? "option check_signature\noption signature_ca_file /etc/opkg/ca.pem\n" : ""));
+        put("/tmp/update.conf",
+            "src/gz ipklist file://" + feed + "\narch arm 100\noption proxy_passwd S3cr3t\n" +
+                "option lists_dir ext " + lists + "\n" +
+                (c.check ? "option signature_ca_path /etc/opkg/\noption signature_ca_file /etc/opkg/ca.pem\n"
+                           "option check_signature\n"
+                         : ""));
         const sandbox::CommandResult r = opkg({"update", "-f", "/tmp/update.conf"});
         EXPECT_EQ(r.ok(), c.updated) << c.name << ": " << r.err;
         EXPECT_EQ(read(lists + "/ipklist"), c.updated ? index : "old index\n") << c.name;
@@ -107,7 +114,8 @@ TEST_F(OpkgSandbox, DownloadLeavesTheWholeFileOrNothing) {
     EXPECT_TRUE(opkg({"download", "file:///srv/pkgs/p_1_arm.ipk", "-f", "/tmp/dl.conf", "-e", "3600"}).ok());
     EXPECT_EQ(read("/var/dl/p_1_arm.ipk"), "package bytes");
     fs::remove(gw_->path("/var/dl/p_1_arm.ipk"));
-    const sandbox::CommandResult missing = opkg({"-f", "/tmp/dl.conf", "download", "file:///srv/pkgs/none.ipk"});
+    const sandbox::CommandResult missing =
+        opkg({"-f", "/tmp/dl.conf", "download", "file:///srv/pkgs/none.ipk"});
     EXPECT_NE(missing.exit_code, 0);
     EXPECT_FALSE(missing.err.empty());
     EXPECT_TRUE(fs::is_empty(gw_->path("/var/dl")));
@@ -134,9 +142,11 @@ TEST_F(OpkgSandbox, InstallUpgradeAndRemoveKeepFilesAndRecordsInStep) {
                                          scripts));
     ASSERT_TRUE(opkg({"install", "/tmp/tool_1.ipk"}).ok());
     EXPECT_EQ(read("/opt/tool/bin"), "v1");
-    EXPECT_EQ(fs::status(gw_->path("/opt/tool/bin")).permissions() & fs::perms::owner_exec, fs::perms::owner_exec);
+    EXPECT_EQ(fs::status(gw_->path("/opt/tool/bin")).permissions() & fs::perms::owner_exec,
+              fs::perms::owner_exec);
     EXPECT_EQ(read("/usr/lib/opkg/info/tool.control"), control("tool", "1.0"));
-    EXPECT_EQ(read("/usr/lib/opkg/info/tool.list"), "/opt/tool/bin\n/opt/tool/old.conf\n/opt/tool/lib/x\n/etc/init.d/tool\n");
+    EXPECT_EQ(read("/usr/lib/opkg/info/tool.list"),
+              "/opt/tool/bin\n/opt/tool/old.conf\n/opt/tool/lib/x\n/etc/init.d/tool\n");
     EXPECT_EQ(read("/tmp/tool-postinst.log"), "configure\n");
     EXPECT_EQ(opkg({"list-installed"}).out, "tool - 1.0\n");
 
@@ -177,20 +187,31 @@ TEST_F(OpkgSandbox, RefusedInstallChangesNothing) {
         std::vector<Member> data;
         std::vector<Member> scripts;
     } cases[] = {
-        {"conflict", control("intruder", "1"), {{"./opt/intruder/x", "x"}, {"./opt/shared/file", "mine"}}, {}},
+        {"conflict",
+         control("intruder", "1"),
+         {{"./opt/intruder/x", "x"}, {"./opt/shared/file", "mine"}},
+         {}},
         {"dot-dot", control("climber", "1"), {{"./opt/climber/x", "x"}, {"./opt/../../escaped", "x"}}, {}},
         {"absolute", control("climber", "1"), {{"/opt/climber/x", "x"}, {"/../escaped", "x"}}, {}},
-        {"link-escape", control("linker", "1"), {{"./opt/linker/l", "../../../../etc", Member::Kind::symlink}}, {}},
+        {"link-escape",
+         control("linker", "1"),
+         {{"./opt/linker/l", "../../../../etc", Member::Kind::symlink}},
+         {}},
         {"fifo", control("piper", "1"), {{"./opt/piper/p", "", Member::Kind::fifo}}, {}},
         {"bad-name", control("../evil", "1"), {{"./opt/evil", "x"}}, {}},
-        {"postinst-fresh", control("fresh", "1"), {{"./opt/fresh/x", "x"}},
+        {"postinst-fresh",
+         control("fresh", "1"),
+         {{"./opt/fresh/x", "x"}},
          {{"./postinst", fails, Member::Kind::file, 0755}}},
-        {"postinst-upgrade", control("app", "2"), {{"./opt/app/a", "a2"}, {"./opt/app/c", "c2"}},
+        {"postinst-upgrade",
+         control("app", "2"),
+         {{"./opt/app/a", "a2"}, {"./opt/app/c", "c2"}},
          {{"./postinst", fails, Member::Kind::file, 0755}}},
         {"not-a-package", "", {}, {}},
     };
     for (const auto& c : cases) {
-        put("/tmp/refused.ipk", c.control.empty() ? "plain text" : opkgtest::ipk(c.control, c.data, c.scripts));
+        put("/tmp/refused.ipk",
+            c.control.empty() ? "plain text" : opkgtest::ipk(c.control, c.data, c.scripts));
         const auto before = snapshot();
         const sandbox::CommandResult r = opkg({"install", "/tmp/refused.ipk"});
         EXPECT_EQ(r.exit_code, 1) << c.name;
