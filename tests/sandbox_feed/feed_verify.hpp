@@ -8,6 +8,7 @@
 #include <openssl/pkcs7.h>
 #include <openssl/x509.h>
 
+#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <optional>
