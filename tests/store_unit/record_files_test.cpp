@@ -95,6 +95,22 @@ TEST_F(RecordFilesTest, EveryKindOfRecordComesBackWhole) {
     EXPECT_EQ(all_files().size(), 9u);
 }
 
+// The largest records pkgd can be asked to keep: an id at the file-name limit, and a unit whose
+// file list alone is beyond a megabyte.
+TEST_F(RecordFilesTest, RecordsAtTheLimitsAreWrittenAndReadBack) {
+    pkg_info long_id = store_test::ordinary_package();
+    long_id.id = std::string(255, 'i');
+    pkg_info many_files = store_test::ordinary_package();
+    std::string list;
+    for (int i = 0; list.size() <= (1u << 20); ++i) list += "/usr/lib/demo/plugins/plugin-" + std::to_string(i) + ".so;";
+    many_files.du.files = list;
+    for (const pkg_info* p : {&long_id, &many_files}) {
+        store(*p);
+        // Not EXPECT_EQ: a failure would print megabytes.
+        EXPECT_TRUE(record_texts(load(p->id)) == record_texts(*p)) << "id of " << p->id.size() << " characters";
+    }
+}
+
 TEST_F(RecordFilesTest, MissingBrokenOrWronglyTypedContentLeavesTheRecordAsItWas) {
     pkg_info pkg;
     pkg.du.index = 11;
