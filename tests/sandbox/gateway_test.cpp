@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <thread>
 
 #include "gateway_client.hpp"
+#include "poll.hpp"
 
 namespace sandbox {
 namespace {
@@ -20,11 +20,8 @@ using gwtest::read_text;
 
 // Polls until no host process is left in the namespace; the survivors otherwise.
 std::vector<pid_t> survivors(const char* kind, const std::string& id) {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    auto left = processes_in_namespace(kind, id);
-    for (; !left.empty() && std::chrono::steady_clock::now() < deadline;
-         left = processes_in_namespace(kind, id))
-        std::this_thread::sleep_for(20ms);
+    std::vector<pid_t> left;
+    testsupport::poll_until(10s, [&] { return (left = processes_in_namespace(kind, id)).empty(); }, 20ms);
     return left;
 }
 

@@ -3,7 +3,6 @@
 #include "pkgd/record_files.hpp"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -12,6 +11,7 @@
 #include <tuple>
 
 #include "sample_records.hpp"
+#include "temp_dir.hpp"
 
 namespace {
 
@@ -34,7 +34,6 @@ protected:
     void SetUp() override {
         for (const char* sub : {"pkg", "du", "eu", "ee"}) fs::create_directories(dir_ / sub);
     }
-    void TearDown() override { fs::remove_all(dir_); }
     void write_file(const std::string& name, std::string_view text) const {
         std::ofstream(dir_ / name) << text;
     }
@@ -59,10 +58,8 @@ protected:
         return back;
     }
 
-    // A scratch directory of this process and test alone.
-    const fs::path dir_ =
-        fs::temp_directory_path() / ("pkgd-store-" + std::to_string(::getpid()) + "-" +
-                                     testing::UnitTest::GetInstance()->current_test_info()->name());
+    bus_test::TempDir scratch_;
+    const fs::path dir_ = scratch_.path();
     RecordFiles files_{dir_.string(), "System", false};
 };
 

@@ -2,8 +2,6 @@
 // fork, and answers calls it cannot serve, against a scripted fake broker.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <optional>
 
@@ -161,18 +159,15 @@ TEST(ClientFork, ChildNeitherReadsNorWritesTheInheritedConnection) {
     ASSERT_TRUE(later);
     broker.release();  // "now" is on its way while the child runs
 
-    const pid_t pid = ::fork();
-    if (pid == 0) {
+    const int child = bus_test::run_forked([&] {
         int wrong = 0;
         if (bus->dispatch(2000) != ubus::kConnectionFailed) wrong |= 1;  // would steal "now"
         if (bus->invoke(kOther, "m", {}, {}, 100) != ubus::kConnectionFailed) wrong |= 2;
         later.reset();  // would answer "later" with an error
         bus.reset();    // would unregister the parent's socket from the shared epoll set
-        ::_exit(wrong);
-    }
-    int wstatus = 0;
-    ASSERT_EQ(::waitpid(pid, &wstatus, 0), pid);
-    EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0) << wstatus;
+        return wrong;
+    });
+    EXPECT_EQ(child, 0);
     fake::run_until(loop, [&] { return now; });
     EXPECT_TRUE(now);
     EXPECT_EQ(later->complete(ubus::kOk), ubus::kOk);

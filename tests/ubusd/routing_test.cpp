@@ -3,7 +3,6 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -83,31 +82,18 @@ TEST_F(Routing, OnlyTheOwnerAnswersOnlyWithWhatTheCallerNeedsAndOnlyToCallersSti
 TEST_F(Routing, OwnersLearnWhoCallsAndOnlyRootMayMonitor) {
     if (::getuid() != 0) GTEST_SKIP() << "needs root to act as another user";
     constexpr uid_t kNobody = 65534;
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        int failed = 1;
-        try {
-            if (::setgid(kNobody) == 0 && ::setuid(kNobody) == 0) {
-                RawClient guest(broker.socket());
-                const Reply acl = [&] {
-                    ubus::MsgBuf query = invoke_msg(2, ubus::kAclObject, "query");
-                    return guest.request(query);
-                }();
-                failed =
-                    guest.status_of(invoke_msg(1, ubus::kMonitorObject, "add")) != ubus::kPermissionDenied ||
-                    acl.status != 0 || acl.data.size() != 1;
-                ubus::MsgBuf call = invoke_msg(3, demo, "m1");
-                guest.send(call);
-                guest.sync();
-            }
-        } catch (...) {
-        }
-        ::_exit(failed);
-    }
+    const int saw_others = run_forked([&]() -> int {
+        if (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) return 1;
+        RawClient guest(broker.socket());
+        ubus::MsgBuf query = invoke_msg(2, ubus::kAclObject, "query"), call = invoke_msg(3, demo, "m1");
+        const Reply acl = guest.request(query);
+        const int monitor = guest.status_of(invoke_msg(1, ubus::kMonitorObject, "add"));
+        guest.send(call);
+        guest.sync();
+        return monitor != ubus::kPermissionDenied || acl.status != 0 || acl.data.size() != 1;
+    });
+    EXPECT_EQ(saw_others, 0) << "the guest saw other answers";
     auto in = owner.read();
-    int status = -1;
-    ::waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the guest saw other answers";
     ASSERT_TRUE(in);
     const passwd* pw = ::getpwuid(kNobody);
     const group* gr = ::getgrgid(kNobody);
