@@ -108,12 +108,9 @@ TEST_F(RecordFilesTest, RecordsAtTheLimitsAreWrittenAndReadBack) {
     }
 }
 
-TEST_F(RecordFilesTest, MissingBrokenOrWronglyTypedContentLeavesTheRecordAsItWas) {
+TEST_F(RecordFilesTest, MissingOrBrokenFilesLeaveTheRecordAsItWas) {
     pkg_info pkg;
     pkg.du.index = 11;
-    pkg.du.name = "kept";
-    pkg.du.size = 99;
-    pkg.du.resolved = 1;
     EXPECT_EQ(files_.load_du(pkg, 5), -1);
     write_file("du/5", "[1,2]");
     write_file("eu/5", R"({"euid": "trunc)");
@@ -122,7 +119,13 @@ TEST_F(RecordFilesTest, MissingBrokenOrWronglyTypedContentLeavesTheRecordAsItWas
     files_.load_eu(pkg, 5);
     files_.load_ee(pkg, 5);
     EXPECT_EQ(std::tuple(pkg.du.index, pkg.eu.size(), pkg.ee.has_value()), std::tuple(11, 0u, false));
-    // Members of the wrong type count as absent.
+}
+
+TEST_F(RecordFilesTest, MembersOfTheWrongTypeCountAsAbsent) {
+    pkg_info pkg;
+    pkg.du.name = "kept";
+    pkg.du.size = 99;
+    pkg.du.resolved = 1;
     write_file("du/4", R"({"size":"12","resolved":0.0,"name":7,"installedsize":5,"enabled":true})");
     EXPECT_EQ(files_.load_du(pkg, 4), 0);
     EXPECT_EQ(std::tuple(pkg.du.index, pkg.du.name, pkg.du.size, pkg.du.resolved, pkg.du.installedsize,
@@ -137,9 +140,10 @@ TEST_F(RecordFilesTest, MissingBrokenOrWronglyTypedContentLeavesTheRecordAsItWas
     EXPECT_EQ(std::tuple(typed.du.index, typed.ee.has_value(), typed.url.str(), typed.disable_autostart,
                          typed.eu.size()),
               std::tuple(0, false, "http://old/", 0, 0u));
+}
 
-    // Elements of "EU" that are not indexes are skipped; links to records that are not there
-    // register nothing of them.
+TEST_F(RecordFilesTest, UnitLinksThatAreNotIndexesOrLeadNowhereRegisterNothing) {
+    write_file("eu/4", R"({"euid":"EU-4","name":"four"})");
     write_file("eu/7", R"({"euid":"EU-7","name":"seven"})");
     write_file("pkg/9", R"({"EE":1,"DU":2,"EU":[4,"x",7,true,8.5,[1],3],"resource.url":"ftp://h/x"})");
     const pkg_info dangling = load("9");
