@@ -10,6 +10,7 @@
 
 #include "child_process.hpp"
 #include "pipe_text.hpp"
+#include "poll.hpp"
 #include "ubus/loop.hpp"
 
 namespace ubus {
@@ -77,11 +78,12 @@ TEST(LoopChild, AChildThatExitedBeforeItsWatchIsReportedFromTheLoopEvenIfTheLoop
         }
     }
     // Unwatched, the loop reaps them so that no zombie is left.
-    for (int round = 0; round < 500 && is_unreaped_child(foreign); ++round) {
+    const auto reaped = [&] {
         loop.add_timer(10ms, [&loop] { loop.stop(); });
         loop.run();
-    }
-    EXPECT_FALSE(is_unreaped_child(foreign)) << "an unwatched child was left as a zombie";
+        return !is_unreaped_child(foreign);
+    };
+    EXPECT_TRUE(testsupport::poll_until(5s, reaped, 0ms)) << "an unwatched child was left as a zombie";
     Exits exits(loop);
     exits.watch(early);
     exits.watch(foreign);
