@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <string>
+#include <utility>
 
 #include "ubus/fd.hpp"
 
@@ -35,29 +38,36 @@ void sync_directory(std::string_view dir) {
     if (fd) ::fsync(fd.get());
 }
 
+// Creates the temporary file next to the target. O_EXCL: a file already there, be it a planted
+// symbolic link or one left by a writer killed before, is never written through nor reused with
+// its old mode; another name is tried instead.
+ubus::UniqueFd create_temporary(std::string_view dir, std::string& temp, mode_t mode) {
+    static std::atomic<unsigned> count{0};
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        temp.assign(dir).append("/.tmp.").append(std::to_string(::getpid()));
+        temp.append(".").append(std::to_string(count.fetch_add(1, std::memory_order_relaxed)));
+        ubus::UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+        if (fd || errno != EEXIST) return fd;
+    }
+    return ubus::UniqueFd();
+}
+
 // Writes and flushes the temporary file; closing is part of it, as some file systems report
 // write errors only then.
-bool write_temporary(const std::string& temp, std::string_view content) {
-    // O_NOFOLLOW: a planted symbolic link must not redirect the write. The mode is the usual
-    // 0666 less the umask, as for any file the process creates.
-    ubus::UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
-    if (!fd) return false;
+bool write_and_flush(ubus::UniqueFd fd, std::string_view content) {
     if (!write_all(fd.get(), content) || ::fsync(fd.get()) != 0) return false;
     return ::close(fd.release()) == 0;
 }
 
 }  // namespace
 
-bool replace_file(const std::string& path, std::string_view content) {
+bool replace_file(const std::string& path, std::string_view content, mode_t mode) {
     const std::string_view dir = directory_of(path);
-    const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);
-    if (name.empty()) return false;
+    if (path.empty() || path.back() == '/') return false;
     std::string temp;
-    temp.reserve(path.size() + 24);
-    temp.append(path, 0, path.size() - name.size()).append(".").append(name).append(".tmp.");
-    temp.append(std::to_string(::getpid()));
-
-    if (!write_temporary(temp, content) || ::rename(temp.c_str(), path.c_str()) != 0) {
+    ubus::UniqueFd fd = create_temporary(dir, temp, mode);
+    if (!fd) return false;
+    if (!write_and_flush(std::move(fd), content) || ::rename(temp.c_str(), path.c_str()) != 0) {
         ::unlink(temp.c_str());
         return false;
     }

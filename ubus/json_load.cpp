@@ -14,7 +14,6 @@
 
 #include "ubus/fd.hpp"
 #include "ubus/json.hpp"
-#include "ubus/wire.hpp"
 
 namespace ubus {
 
@@ -23,8 +22,10 @@ namespace {
 // The length field of a blob header is 24 bits wide; the root holds everything loaded, so once
 // the root fits, every attribute inside it does.
 constexpr std::size_t kMaxAttrLen = 0xffffff;
-// What is loaded is meant for the bus: a file larger than a message could not be sent anyway.
-constexpr std::uint64_t kMaxJsonFileLen = kMaxBodyLen;
+// Only a bound against hostile files: whatever a blob that fits kMaxAttrLen formats to must read
+// back (files written from blobs hold more than a bus message), and compact JSON of a blob is at
+// most six times its length (every byte of a string escaped as "\u00XX").
+constexpr std::uint64_t kMaxJsonFileLen = std::uint64_t{8} * (kMaxAttrLen + 1);
 
 struct TokenerFree {
     void operator()(json_tokener* t) const { json_tokener_free(t); }

@@ -24,8 +24,10 @@ namespace ubus {
 // first NUL byte, if any.
 bool json_load(BlobBuf& buf, std::string_view text);
 
-// The same for the whole content of a file. Only a regular file of at most 1 MiB is read; a
-// missing or unreadable file, a FIFO, a device or a larger file fails (nothing appended).
+// The same for the whole content of a file. Only a regular file of at most 128 MiB is read; a
+// missing or unreadable file, a FIFO, a device or a larger file fails (nothing appended). The
+// bound only keeps a hostile file from exhausting memory: it is far above what the compact JSON
+// of any blob (at most 16 MiB) takes, so every file written by formatting a blob reads back.
 bool json_load_file(BlobBuf& buf, const std::string& path);
 
 // Asked about each element before it is formatted. To print something else in place of its value

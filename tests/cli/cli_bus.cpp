@@ -7,21 +7,22 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <regex>
 #include <stdexcept>
-#include <thread>
+
+#include "poll.hpp"
 
 namespace cli_test {
+
+using namespace std::chrono_literals;
 
 DemoBus::DemoBus() {
     if (::symlink(broker.socket().c_str(), (dir.path() + "/ubus.sock").c_str()) != 0)
         throw std::runtime_error("symlink failed");
     if (client.connect(broker.socket()) != ubus::kOk) throw std::runtime_error("cannot connect");
     std::uint32_t id = 0;
-    for (int i = 0; i < 500 && client.lookup_id("demo", id) != ubus::kOk; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    if (id == 0) throw std::runtime_error("the demo owner did not start");
+    if (!testsupport::poll_until(5s, [&] { return client.lookup_id("demo", id) == ubus::kOk; }, 10ms))
+        throw std::runtime_error("the demo owner did not start");
 }
 
 DemoBus& demo_bus() {

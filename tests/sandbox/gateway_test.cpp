@@ -1,4 +1,4 @@
-// Bringing a gateway up and down: its layout and userland, what a process inside may touch, its
+// Bringing a gateway up and down: what was prepared in its root, what a process inside may touch, its
 // PID namespace and syslog, what a killed launcher leaves behind, start-up failures, and the
 // unprivileged (user namespace) path.
 #include <gtest/gtest.h>
@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <thread>
 
 #include "gateway_client.hpp"
+#include "poll.hpp"
 
 namespace sandbox {
 namespace {
@@ -20,11 +20,8 @@ using gwtest::read_text;
 
 // Polls until no host process is left in the namespace; the survivors otherwise.
 std::vector<pid_t> survivors(const char* kind, const std::string& id) {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    auto left = processes_in_namespace(kind, id);
-    for (; !left.empty() && std::chrono::steady_clock::now() < deadline;
-         left = processes_in_namespace(kind, id))
-        std::this_thread::sleep_for(20ms);
+    std::vector<pid_t> left;
+    testsupport::poll_until(10s, [&] { return (left = processes_in_namespace(kind, id)).empty(); }, 20ms);
     return left;
 }
 
@@ -36,7 +33,7 @@ GatewayOptions with_pkgd() {
     return options;
 }
 
-TEST(Gateway, RootHasTheLayoutAUserlandAndWhatWasPrepared) {
+TEST(Gateway, RootKeepsWhatWasPreparedAndRunsTheBuildsPrograms) {
     GatewayOptions options = gwtest::named_gateway();
     options.prepare = [](const fs::path& root) {
         std::ofstream(root / "etc/passwd") << "root:x:0:0:root:/root:/bin/sh\nsvc:x:100:100::/:/bin/false\n";
@@ -44,16 +41,6 @@ TEST(Gateway, RootHasTheLayoutAUserlandAndWhatWasPrepared) {
     };
     Gateway gw(options);  // the launcher completes the root again: what is there must stay
     ASSERT_TRUE(gw.up()) << gw.error();
-    CommandResult layout = gw.sh(
-        "for d in /usr/local/package/pkg /usr/local/package/du /usr/local/package/eu /usr/local/package/ee "
-        "/usr/lib/opkg/info /usr/lib/opkg/lists /etc/opkg /etc/init.d /var/run/ubus /var/log /tmp; do "
-        "  test -d $d || echo missing $d; done; "
-        "for n in null zero random urandom; do test -c /dev/$n || echo no device $n; done; "
-        "echo discarded > /dev/null || echo /dev/null not writable; "
-        "for t in sh tar rm ls cat mkdir sleep ps kill echo test; do "
-        "  command -v $t > /dev/null || echo no $t; done");
-    EXPECT_TRUE(layout.ok()) << layout.err;
-    EXPECT_EQ(layout.out, "");
     // A dynamically linked program of the build runs after the chroot: the host's libraries are seen.
     CommandResult broker = gw.run({"/opt/pkgd/bin/ubusd", "-h"});
     EXPECT_TRUE(broker.ok()) << broker.err;

@@ -7,10 +7,10 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <tuple>
 
+#include "pipe_text.hpp"
 #include "ubus/fd.hpp"
 
 namespace sandbox {
@@ -49,13 +49,8 @@ TEST(Spawn, DescriptorsReachTheirNumbersEvenWhenTheyCross) {
     a_write.reset();
     b_write.reset();
     EXPECT_EQ(wait_for_exit(child.pid, 10s), 0);
-    const auto read_all = [](int fd) {
-        std::string out(64, '\0');
-        out.resize(static_cast<std::size_t>(std::max<ssize_t>(::read(fd, out.data(), out.size()), 0)));
-        return out;
-    };
-    EXPECT_EQ(read_all(a_read.get()), "to-a\n");
-    EXPECT_EQ(read_all(b_read.get()), "to-b\n");
+    EXPECT_EQ(bus_test::read_all(a_read.get()), "to-a\n");
+    EXPECT_EQ(bus_test::read_all(b_read.get()), "to-b\n");
 }
 
 TEST(RunCommand, ReturnsWhenTheProgramEndsAndKillsItAfterItsTimeLimit) {

@@ -3,7 +3,6 @@
 #include "pkgd/record_files.hpp"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -12,6 +11,7 @@
 #include <tuple>
 
 #include "sample_records.hpp"
+#include "temp_dir.hpp"
 
 namespace {
 
@@ -34,7 +34,6 @@ protected:
     void SetUp() override {
         for (const char* sub : {"pkg", "du", "eu", "ee"}) fs::create_directories(dir_ / sub);
     }
-    void TearDown() override { fs::remove_all(dir_); }
     void write_file(const std::string& name, std::string_view text) const {
         std::ofstream(dir_ / name) << text;
     }
@@ -59,10 +58,8 @@ protected:
         return back;
     }
 
-    // A scratch directory of this process and test alone.
-    const fs::path dir_ =
-        fs::temp_directory_path() / ("pkgd-store-" + std::to_string(::getpid()) + "-" +
-                                     testing::UnitTest::GetInstance()->current_test_info()->name());
+    bus_test::TempDir scratch_;
+    const fs::path dir_ = scratch_.path();
     RecordFiles files_{dir_.string(), "System", false};
 };
 
@@ -95,12 +92,25 @@ TEST_F(RecordFilesTest, EveryKindOfRecordComesBackWhole) {
     EXPECT_EQ(all_files().size(), 9u);
 }
 
-TEST_F(RecordFilesTest, MissingBrokenOrWronglyTypedContentLeavesTheRecordAsItWas) {
+// The largest records pkgd can be asked to keep: an id at the file-name limit, and a unit whose
+// file list alone is beyond a megabyte.
+TEST_F(RecordFilesTest, RecordsAtTheLimitsAreWrittenAndReadBack) {
+    pkg_info long_id = store_test::ordinary_package();
+    long_id.id = std::string(255, 'i');
+    pkg_info many_files = store_test::ordinary_package();
+    std::string list;
+    for (int i = 0; list.size() <= (1u << 20); ++i) list += "/usr/lib/demo/plugins/plugin-" + std::to_string(i) + ".so;";
+    many_files.du.files = list;
+    for (const pkg_info* p : {&long_id, &many_files}) {
+        store(*p);
+        // Not EXPECT_EQ: a failure would print megabytes.
+        EXPECT_TRUE(record_texts(load(p->id)) == record_texts(*p)) << "id of " << p->id.size() << " characters";
+    }
+}
+
+TEST_F(RecordFilesTest, MissingOrBrokenFilesLeaveTheRecordAsItWas) {
     pkg_info pkg;
     pkg.du.index = 11;
-    pkg.du.name = "kept";
-    pkg.du.size = 99;
-    pkg.du.resolved = 1;
     EXPECT_EQ(files_.load_du(pkg, 5), -1);
     write_file("du/5", "[1,2]");
     write_file("eu/5", R"({"euid": "trunc)");
@@ -109,7 +119,13 @@ TEST_F(RecordFilesTest, MissingBrokenOrWronglyTypedContentLeavesTheRecordAsItWas
     files_.load_eu(pkg, 5);
     files_.load_ee(pkg, 5);
     EXPECT_EQ(std::tuple(pkg.du.index, pkg.eu.size(), pkg.ee.has_value()), std::tuple(11, 0u, false));
-    // Members of the wrong type count as absent.
+}
+
+TEST_F(RecordFilesTest, MembersOfTheWrongTypeCountAsAbsent) {
+    pkg_info pkg;
+    pkg.du.name = "kept";
+    pkg.du.size = 99;
+    pkg.du.resolved = 1;
     write_file("du/4", R"({"size":"12","resolved":0.0,"name":7,"installedsize":5,"enabled":true})");
     EXPECT_EQ(files_.load_du(pkg, 4), 0);
     EXPECT_EQ(std::tuple(pkg.du.index, pkg.du.name, pkg.du.size, pkg.du.resolved, pkg.du.installedsize,
@@ -124,9 +140,10 @@ TEST_F(RecordFilesTest, MissingBrokenOrWronglyTypedContentLeavesTheRecordAsItWas
     EXPECT_EQ(std::tuple(typed.du.index, typed.ee.has_value(), typed.url.str(), typed.disable_autostart,
                          typed.eu.size()),
               std::tuple(0, false, "http://old/", 0, 0u));
+}
 
-    // Elements of "EU" that are not indexes are skipped; links to records that are not there
-    // register nothing of them.
+TEST_F(RecordFilesTest, UnitLinksThatAreNotIndexesOrLeadNowhereRegisterNothing) {
+    write_file("eu/4", R"({"euid":"EU-4","name":"four"})");
     write_file("eu/7", R"({"euid":"EU-7","name":"seven"})");
     write_file("pkg/9", R"({"EE":1,"DU":2,"EU":[4,"x",7,true,8.5,[1],3],"resource.url":"ftp://h/x"})");
     const pkg_info dangling = load("9");

@@ -13,6 +13,8 @@ public:
     BrokerProcess();  // starts ubusd and waits until it accepts connections
     const std::string& socket() const { return socket_; }
     int stop() { return broker_.stop(SIGTERM); }  // the wait status
+    // True once the broker sleeps in its event loop: it has done all it can with what it was sent.
+    bool wait_until_idle() const { return broker_.wait_until_serving(); }
 
 private:
     TempDir dir_;

@@ -8,28 +8,16 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
+
+#include "poll.hpp"
 
 #ifndef SYS_epoll_wait
 #define SYS_epoll_wait SYS_epoll_pwait  // architectures that only have the newer call
 #endif
 
 namespace bus_test {
-
-TempDir::TempDir() {
-    const char* tmp = std::getenv("TMPDIR");
-    path_ = std::string(tmp && *tmp ? tmp : "/tmp") + "/pkgd-bus-test.XXXXXX";
-    if (!::mkdtemp(path_.data())) throw std::runtime_error("mkdtemp failed");
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
 
 Child::Child(const std::string& program, const std::vector<std::string>& argv, const std::string& dir,
              bool capture) {
@@ -79,23 +67,38 @@ int Child::stop(int signal) {
     return wait();
 }
 
-bool Child::wait_until_serving(int timeout_ms) const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (std::chrono::steady_clock::now() < deadline) {
-        std::ifstream in("/proc/" + std::to_string(pid_) + "/syscall");
-        long nr = -1;
-        if (in >> nr && (nr == SYS_epoll_wait || nr == SYS_epoll_pwait)) return true;
-        siginfo_t ended{};
-        if (::waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-            ended.si_pid == pid_)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return false;
+bool Child::ended() const {
+    siginfo_t ended{};
+    return ::waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           ended.si_pid == pid_;
 }
 
-int exit_code(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
+bool Child::wait_until_serving(int timeout_ms) const {
+    bool serving = false;
+    testsupport::poll_until(
+        std::chrono::milliseconds(timeout_ms),
+        [&] {
+            std::ifstream in("/proc/" + std::to_string(pid_) + "/syscall");
+            long nr = -1;
+            serving = in >> nr && (nr == SYS_epoll_wait || nr == SYS_epoll_pwait);
+            return serving || ended();
+        },
+        std::chrono::milliseconds(2));
+    return serving;
+}
+
+int run_forked(const std::function<int()>& body) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        int code = 1;
+        try {
+            code = body();
+        } catch (...) {
+        }
+        ::_exit(code);
+    }
+    int status = 0;
+    return pid > 0 && ::waitpid(pid, &status, 0) == pid ? exit_code(status) : -1;
 }
 
 }  // namespace bus_test

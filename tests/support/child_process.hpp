@@ -3,25 +3,15 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "sandbox/process.hpp"
+#include "temp_dir.hpp"
 #include "ubus/fd.hpp"
 
 namespace bus_test {
-
-// A fresh directory under $TMPDIR (or /tmp), removed with everything in it when destroyed.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
 
 class Child {
 public:
@@ -34,6 +24,7 @@ public:
     Child& operator=(const Child&) = delete;
 
     pid_t pid() const { return pid_; }
+    bool ended() const;  // it exited and waits to be waited for
     // The wait status; -1 when already waited for.
     int wait();
     int stop(int signal);  // sends `signal`, then wait()
@@ -48,7 +39,13 @@ private:
     ubus::UniqueFd out_pipe_, err_pipe_;
 };
 
+// Runs `body` in a forked child of this process and waits for it: the value it returned, 1 when it
+// threw. For what only another process can do (act as another user, use what a fork inherits).
+int run_forked(const std::function<int()>& body);
+
 // The exit code, or 128 + the signal that ended it.
-int exit_code(int wait_status);
+inline int exit_code(int wait_status) {
+    return sandbox::shell_exit_code(wait_status);
+}
 
 }  // namespace bus_test

@@ -4,8 +4,8 @@
 
 #include <fstream>
 #include <iterator>
-#include <thread>
 
+#include "poll.hpp"
 #include "ubus/json.hpp"
 
 namespace gwtest {
@@ -15,16 +15,6 @@ ubus::Attr member(ubus::AttrList list, std::string_view name) {
     for (ubus::Attr a : list)
         if (a.name() == name) return a;
     return {};
-}
-
-template <typename Done>
-bool poll_until(std::chrono::milliseconds timeout, Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
 }
 
 }  // namespace
@@ -69,12 +59,13 @@ bool Client::has_object(std::string_view path) {
 std::optional<std::uint32_t> Client::wait_for_object(std::string_view path,
                                                      std::chrono::milliseconds timeout) {
     std::uint32_t id = 0;
-    if (poll_until(timeout, [&] { return bus_.lookup_id(path, id) == ubus::kOk && id != 0; })) return id;
+    const auto found = [&] { return bus_.lookup_id(path, id) == ubus::kOk && id != 0; };
+    if (testsupport::poll_until(timeout, found, 20ms)) return id;
     return std::nullopt;
 }
 
 bool Client::wait_until_gone(std::string_view path, std::chrono::milliseconds timeout) {
-    return poll_until(timeout, [&] { return !has_object(path); });
+    return testsupport::poll_until(timeout, [&] { return !has_object(path); }, 20ms);
 }
 
 std::string Client::signature(std::string_view path) {
@@ -101,8 +92,14 @@ bool Client::listen(std::string_view pattern) {
 }
 
 const std::vector<std::string>& Client::events(std::size_t count, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (events_.size() < count && std::chrono::steady_clock::now() < deadline) bus_.dispatch(50);
+    // The wait is in dispatch(), for the next message.
+    testsupport::poll_until(
+        timeout,
+        [&] {
+            if (events_.size() < count) bus_.dispatch(50);
+            return events_.size() >= count;
+        },
+        0ms);
     return events_;
 }
 

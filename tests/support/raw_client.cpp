@@ -8,6 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "poll.hpp"
+
 namespace bus_test {
 
 ubus::UniqueFd connect_unix(const std::string& path) {
@@ -52,14 +54,17 @@ std::optional<Received> RawClient::read(std::chrono::milliseconds timeout) {
 }
 
 bool RawClient::wait_closed() {
-    for (int rounds = 0; rounds < 50; ++rounds) {
-        pollfd p{sock_.get(), POLLIN, 0};
-        if (::poll(&p, 1, 100) <= 0) continue;
-        if (reader_.read_from(sock_.get()) != ubus::FrameReader::Result::NeedMore) return true;
-        for (ubus::Frame f; reader_.next(f) == ubus::FrameReader::Result::Frame;) {
-        }
-    }
-    return false;
+    return testsupport::poll_until(
+        5s,
+        [&] {
+            pollfd p{sock_.get(), POLLIN, 0};
+            if (::poll(&p, 1, 100) <= 0) return false;
+            if (reader_.read_from(sock_.get()) != ubus::FrameReader::Result::NeedMore) return true;
+            for (ubus::Frame f; reader_.next(f) == ubus::FrameReader::Result::Frame;) {
+            }
+            return false;
+        },
+        0ms);
 }
 
 std::vector<Received> RawClient::sync() {

@@ -2,8 +2,6 @@
 // fork, and answers calls it cannot serve, against a scripted fake broker.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <optional>
 
@@ -110,6 +108,27 @@ TEST(ClientWaits, NotificationWaitsForEverySubscriberTheBrokerNamed) {
     EXPECT_THAT(s.broker.finish(), IsEmpty());
 }
 
+TEST(ClientWaits, AnOwnerWaitingInItsOwnCallAnswersOtherCallsOnlyAfterwardsWithItsRequestIntact) {
+    fake::Session s(Steps{kHello} + registered(1) +
+                    Steps{send(call(5, kCaller, kObject, "relay")), expect(call(2, kOther, kOther, "wait")),
+                          send(call(6, kCaller + 1, kObject, "hello")), send(status(2, kOther, 0, kOther)),
+                          expect(data(5, kCaller, kObject, R"({"method":"relay"})")),
+                          expect(status(5, kCaller, 0, kObject)), expect(status(6, kCaller + 1, 0, kObject))});
+    std::vector<std::string> log;
+    ASSERT_EQ(s.bus.add_anonymous_object([&](ubus::Request& req) -> int {
+                     if (req.method() != "relay") return log.emplace_back(req.method()), ubus::kOk;
+                     log.push_back("relay " + std::to_string(s.bus.invoke(kOther, "wait", {}, nullptr, 5000)));
+                     ubus::BlobBuf out;  // read from the request after the wait read more messages
+                     out.add_string("method", req.method());
+                     return req.reply(out);
+                 })
+                  .status,
+              ubus::kOk);
+    fake::pump(s.bus, s.broker);
+    EXPECT_THAT(log, ElementsAre("relay 0", "hello"));
+    EXPECT_THAT(s.broker.finish(), IsEmpty());
+}
+
 class ClientLostBroker : public ::testing::TestWithParam<bool> {};
 
 TEST_P(ClientLostBroker, WaitingCallFailsAndTheOwnerIsToldOnce) {
@@ -161,18 +180,15 @@ TEST(ClientFork, ChildNeitherReadsNorWritesTheInheritedConnection) {
     ASSERT_TRUE(later);
     broker.release();  // "now" is on its way while the child runs
 
-    const pid_t pid = ::fork();
-    if (pid == 0) {
+    const int child = bus_test::run_forked([&] {
         int wrong = 0;
         if (bus->dispatch(2000) != ubus::kConnectionFailed) wrong |= 1;  // would steal "now"
         if (bus->invoke(kOther, "m", {}, {}, 100) != ubus::kConnectionFailed) wrong |= 2;
         later.reset();  // would answer "later" with an error
         bus.reset();    // would unregister the parent's socket from the shared epoll set
-        ::_exit(wrong);
-    }
-    int wstatus = 0;
-    ASSERT_EQ(::waitpid(pid, &wstatus, 0), pid);
-    EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0) << wstatus;
+        return wrong;
+    });
+    EXPECT_EQ(child, 0);
     fake::run_until(loop, [&] { return now; });
     EXPECT_TRUE(now);
     EXPECT_EQ(later->complete(ubus::kOk), ubus::kOk);

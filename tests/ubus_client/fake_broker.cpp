@@ -10,6 +10,7 @@
 
 #include "golden_session.hpp"
 #include "pipe_text.hpp"
+#include "poll.hpp"
 #include "ubus/loop.hpp"
 
 namespace fake {
@@ -112,17 +113,20 @@ Session::Session(Steps script, std::string fd_text) : broker(std::move(script), 
 }
 
 void pump(ubus::Connection& c, const Broker& b) {
-    for (int i = 0; i < 200 && !b.done(); ++i) c.dispatch(25);
+    testsupport::poll_until(std::chrono::milliseconds(kPatienceMs), [&] { return c.dispatch(25), b.done(); },
+                            std::chrono::milliseconds(0));
 }
 
 void run_until(ubus::Loop& loop, const std::function<bool()>& done) {
-    int rounds = 0;
-    std::function<void()> check = [&] {
-        if (done() || ++rounds > 400) return loop.stop();
-        loop.add_timer(std::chrono::milliseconds(25), check);
-    };
-    loop.add_timer(std::chrono::milliseconds(0), check);
-    loop.run();
+    testsupport::poll_until(
+        std::chrono::milliseconds(2 * kPatienceMs),
+        [&] {
+            if (done()) return true;
+            loop.add_timer(std::chrono::milliseconds(25), [&loop] { loop.stop(); });
+            loop.run();
+            return done();
+        },
+        std::chrono::milliseconds(0));
 }
 
 }  // namespace fake

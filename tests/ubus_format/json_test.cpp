@@ -8,8 +8,11 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 
 #include "golden_session.hpp"
+#include "temp_dir.hpp"
 
 namespace {
 
@@ -117,6 +120,12 @@ TEST(JsonLoad, AppendsToTheOpenContainerAndRefusedInputLeavesTheBufferUntouched)
         EXPECT_EQ(golden::hex(b.all()), before) << text.substr(0, 40);
     }
     EXPECT_FALSE(ubus::json_load_file(b, golden::dir()));  // a directory
+    const bus_test::TempDir dir;  // and a (sparse) file above the bound against hostile files
+    const std::string huge = dir.path() + "/huge.json";
+    std::ofstream(huge) << "{}";
+    std::filesystem::resize_file(huge, (std::uintmax_t{128} << 20) + 1);
+    EXPECT_FALSE(ubus::json_load_file(b, huge));
+    EXPECT_EQ(golden::hex(b.all()), before);
     b.close(t);
     ASSERT_TRUE(ubus::json_load(b, R"({"y":2})"));
     EXPECT_EQ(ubus::json_format(b), R"({"x":1,"t":{"a":[true],"b":{}},"y":2})");

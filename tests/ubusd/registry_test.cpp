@@ -1,10 +1,11 @@
 // The object registry as lookups see it.
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
-#include <thread>
 
 #include "broker_process.hpp"
+#include "poll.hpp"
 #include "raw_client.hpp"
 
 namespace bus_test {
@@ -55,7 +56,7 @@ TEST(Registry, LookupsSelectByExactPathOrPrefixInByteOrderAndFreedPathsAreReused
 
     EXPECT_EQ(c.status_of(add_object_msg(1, "a")), ubus::kInvalidArgument) << "the path is taken";
     owner.close();
-    for (int i = 0; i < 500 && lookup(c, "a").status == 0; ++i) std::this_thread::sleep_for(10ms);
+    ASSERT_TRUE(testsupport::poll_until(5s, [&] { return lookup(c, "a").status != 0; }, 10ms));
     EXPECT_NE(add_object(c, "a", 2), 0u) << "the departed owner's path is free again";
     EXPECT_EQ(lookup(c, "*"), (Listed{0, {"a"}}));
 }
@@ -84,7 +85,13 @@ TEST(Registry, ALongListingWaitsForASlowReaderInsteadOfLosingEntries) {
     ubus::MsgBuf list = lookup_msg(1), ping(ubus::MsgType::Ping, 2, 0);
     reader.send(list);
     reader.send(ping);
-    std::this_thread::sleep_for(300ms);  // ample time to overrun the reader if the broker did not wait
+    // Once answering started and the broker is idle again, whatever it could not send is queued (or,
+    // were it to lose entries, lost).
+    ASSERT_TRUE(testsupport::poll_until(5s, [&] {
+        int queued = 0;
+        return ::ioctl(reader.fd(), FIONREAD, &queued) == 0 && queued > 0;
+    }));
+    ASSERT_TRUE(broker.wait_until_idle());
     std::vector<std::string> paths;
     for (auto r = reader.read(); r && r->hdr().type == ubus::MsgType::Data; r = reader.read())
         paths.emplace_back(r->attrs().str(ubus::kAttrObjPath));

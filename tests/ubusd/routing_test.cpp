@@ -3,10 +3,10 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <optional>
 
 #include "broker_process.hpp"
 #include "pipe_text.hpp"
@@ -22,92 +22,90 @@ protected:
     BrokerProcess broker;
     RawClient owner{broker.socket()}, caller{broker.socket()};
     std::uint32_t demo = add_object(owner, "demo");
+
+    // The call as the owner receives it.
+    std::optional<Received> call_demo(RawClient& from, std::uint16_t seq, bool no_reply = false) {
+        ubus::MsgBuf call = invoke_msg(seq, demo, "m1");
+        if (no_reply) call.put_u8(ubus::kAttrNoReply, 1);
+        from.send(call);
+        return owner.read();
+    }
+    // A reply of the owner's to `seq` of the caller.
+    ubus::MsgBuf data_reply(std::uint16_t seq, bool with_payload = true) {
+        ubus::MsgBuf data(MsgType::Data, seq, caller.id());
+        data.put_u32(ubus::kAttrObjId, demo);
+        ubus::BlobBuf payload;
+        payload.add_string("k", "v");
+        if (with_payload) data.put_data(payload);
+        return data;
+    }
 };
 
-TEST_F(Routing, OnlyTheOwnerAnswersOnlyWithWhatTheCallerNeedsAndOnlyToCallersStillThere) {
-    RawClient intruder(broker.socket());
-    add_object(intruder, "other");
-    ubus::MsgBuf call = invoke_msg(7, demo, "m1");
-    call.put_u8(ubus::kAttrNoReply, 1);  // not the caller's to decide: dropped on the way
-    caller.send(call);
-    auto in = owner.read();
+TEST_F(Routing, OnlyTheOwnersCompleteRepliesReachTheCaller) {
+    const auto in = call_demo(caller, 7, true);  // NO_REPLY is not the caller's to decide
     ASSERT_TRUE(in);
     EXPECT_EQ(in->hdr().peer, caller.id());
     EXPECT_FALSE(in->attrs().has(ubus::kAttrNoReply));
-
     // A STATUS naming the object from someone else, and replies lacking their payload: dropped
     // without an answer to anyone.
-    ubus::MsgBuf forged = status_msg(7, caller.id(), demo, 0), bare_data(MsgType::Data, 7, caller.id()),
-                 bare_status(MsgType::Status, 7, caller.id());
-    intruder.send(forged);
-    bare_data.put_u32(ubus::kAttrObjId, demo);
+    RawClient intruder(broker.socket());
+    add_object(intruder, "other");
+    ubus::MsgBuf forged = status_msg(7, caller.id(), demo, 0), bare_data = data_reply(7, false),
+                 bare_status(MsgType::Status, 7, caller.id()), real = status_msg(7, caller.id(), demo, 3);
     bare_status.put_u32(ubus::kAttrObjId, demo);
+    intruder.send(forged);
     owner.send(bare_data);
     owner.send(bare_status);
     for (RawClient* c : {&intruder, &owner, &caller}) EXPECT_TRUE(c->sync().empty());
+    owner.send(real);
+    EXPECT_TRUE(owner.sync().empty());  // dealt with before the caller's own round trip
+    const std::vector<Received> answers = caller.sync();
+    ASSERT_EQ(answers.size(), 1u);
+    EXPECT_EQ(answers[0].hdr().type, MsgType::Status);
+    EXPECT_EQ(answers[0].hdr().peer, demo);
+    EXPECT_EQ(answers[0].attrs().u32(ubus::kAttrStatus), 3u);
+}
 
-    // A descriptor with a DATA reply is closed, not forwarded: the pipe then has no reader left.
+TEST_F(Routing, ADescriptorWithADataReplyIsClosedNotForwarded) {
+    ASSERT_TRUE(call_demo(caller, 7));
     std::signal(SIGPIPE, SIG_IGN);
     Pipe pipe;
-    ubus::BlobBuf payload;
-    payload.add_string("k", "v");
-    ubus::MsgBuf data(MsgType::Data, 7, caller.id());
-    data.put_u32(ubus::kAttrObjId, demo);
-    data.put_data(payload);
+    ubus::MsgBuf data = data_reply(7);
     owner.send(data, pipe.r.get());
     pipe.r.reset();
-    ubus::MsgBuf real = status_msg(7, caller.id(), demo, 3);
-    owner.send(real);
-    EXPECT_TRUE(owner.sync().empty());  // both dealt with before the caller's own round trip
+    EXPECT_TRUE(owner.sync().empty());
     const std::vector<Received> answers = caller.sync();
-    ASSERT_EQ(answers.size(), 2u);
+    ASSERT_EQ(answers.size(), 1u);
     EXPECT_EQ(answers[0].hdr().type, MsgType::Data);
     EXPECT_FALSE(answers[0].fd);
-    EXPECT_EQ(answers[1].hdr().type, MsgType::Status);
-    EXPECT_EQ(answers[1].hdr().peer, demo);
-    EXPECT_EQ(answers[1].attrs().u32(ubus::kAttrStatus), 3u);
-    EXPECT_EQ(::write(pipe.w.get(), "x", 1), -1);
+    EXPECT_EQ(::write(pipe.w.get(), "x", 1), -1) << "the broker still holds the descriptor";
+}
 
-    // The caller leaves: the owner answers into the void and carries on.
+TEST_F(Routing, AnswersToACallerThatLeftAreDropped) {
     RawClient gone(broker.socket());
-    ubus::MsgBuf call2 = invoke_msg(1, demo, "m1");
-    gone.send(call2);
-    ASSERT_TRUE(owner.read());
+    ASSERT_TRUE(call_demo(gone, 1));
     const std::uint32_t gone_id = gone.id();
     gone.close();
     ubus::MsgBuf late = status_msg(1, gone_id, demo, 0);
     owner.send(late);
-    EXPECT_TRUE(owner.sync().empty());
+    EXPECT_TRUE(owner.sync().empty()) << "the owner carries on";
 }
 
 TEST_F(Routing, OwnersLearnWhoCallsAndOnlyRootMayMonitor) {
     if (::getuid() != 0) GTEST_SKIP() << "needs root to act as another user";
     constexpr uid_t kNobody = 65534;
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        int failed = 1;
-        try {
-            if (::setgid(kNobody) == 0 && ::setuid(kNobody) == 0) {
-                RawClient guest(broker.socket());
-                const Reply acl = [&] {
-                    ubus::MsgBuf query = invoke_msg(2, ubus::kAclObject, "query");
-                    return guest.request(query);
-                }();
-                failed =
-                    guest.status_of(invoke_msg(1, ubus::kMonitorObject, "add")) != ubus::kPermissionDenied ||
-                    acl.status != 0 || acl.data.size() != 1;
-                ubus::MsgBuf call = invoke_msg(3, demo, "m1");
-                guest.send(call);
-                guest.sync();
-            }
-        } catch (...) {
-        }
-        ::_exit(failed);
-    }
+    const int saw_others = run_forked([&]() -> int {
+        if (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) return 1;
+        RawClient guest(broker.socket());
+        ubus::MsgBuf query = invoke_msg(2, ubus::kAclObject, "query"), call = invoke_msg(3, demo, "m1");
+        const Reply acl = guest.request(query);
+        const int monitor = guest.status_of(invoke_msg(1, ubus::kMonitorObject, "add"));
+        guest.send(call);
+        guest.sync();
+        return monitor != ubus::kPermissionDenied || acl.status != 0 || acl.data.size() != 1;
+    });
+    EXPECT_EQ(saw_others, 0) << "the guest saw other answers";
     auto in = owner.read();
-    int status = -1;
-    ::waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the guest saw other answers";
     ASSERT_TRUE(in);
     const passwd* pw = ::getpwuid(kNobody);
     const group* gr = ::getgrgid(kNobody);
