@@ -88,7 +88,7 @@ const install_failure* install_steps(engine_context& ctx, operation_info& op, co
     pkg.du.index = op.operate_duid != 0 ? op.operate_duid : ctx.peers.create_du_instance();
     if (pkg.du.index == 0) return &kNoDuInstance;
     ctx.records.store_du(pkg);
-    store_pkg_record(ctx, pkg);
+    ctx.records.store_pkg(pkg);
 
     const auto size = static_cast<std::int32_t>(pkg.du.size);
     if (size == 0 || package_opkg_get_sys_mem(size, ctx.sys) != 0) return &kNoMemory;
@@ -111,7 +111,7 @@ const install_failure* install_steps(engine_context& ctx, operation_info& op, co
         ctx.records.store_ee(pkg);
     else
         ctx.records.store_eu(pkg);
-    store_pkg_record(ctx, pkg);
+    ctx.records.store_pkg(pkg);
     return nullptr;
 }
 

@@ -56,12 +56,4 @@ int opkg_remove(engine_context& ctx, std::string_view name) {
     return ctx.commands.run({"opkg", "remove", std::string(name)});
 }
 
-void store_pkg_record(engine_context& ctx, const pkg_info& pkg) {
-    struct umask_guard {
-        mode_t old = ::umask(077);
-        ~umask_guard() { ::umask(old); }
-    } guard;
-    ctx.records.store_pkg(pkg);
-}
-
 }  // namespace pkgd

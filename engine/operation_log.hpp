@@ -39,9 +39,4 @@ int opkg_download(engine_context& ctx, const pkg_info& pkg);
 // nothing runs: package names come from feeds and control files.
 int opkg_remove(engine_context& ctx, std::string_view name);
 
-// Stores the package record born 0600: it holds the source's password. (The record files are
-// replaced by renaming a fresh file over the old one, so the mode of the fresh file is what
-// counts, every time.)
-void store_pkg_record(engine_context& ctx, const pkg_info& pkg);
-
 }  // namespace pkgd

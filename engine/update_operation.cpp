@@ -49,7 +49,7 @@ void refresh_records(engine_context& ctx, const operation_info& op) {
         package_opkg_update_eu_info(ctx, pkg);
         ctx.records.store_eu(pkg);
     }
-    store_pkg_record(ctx, pkg);
+    ctx.records.store_pkg(pkg);
 }
 
 const update_failure* update_steps(engine_context& ctx, const operation_info& op,

@@ -11,8 +11,12 @@
 namespace pkgd {
 namespace {
 
-bool write_record(const std::string& path, const ubus::BlobBuf& msg) {
-    return !path.empty() && replace_file(path, ubus::json_format(msg));
+// The package file holds the source's password: only its owner may read it, from its first
+// write on.
+constexpr mode_t kSecretRecordMode = 0600;
+
+bool write_record(const std::string& path, const ubus::BlobBuf& msg, mode_t mode = 0666) {
+    return !path.empty() && replace_file(path, ubus::json_format(msg), mode);
 }
 
 // The file's members, or nothing when it is missing or not a JSON object.
@@ -54,7 +58,7 @@ void RecordFiles::delete_unit(const std::string& path, int kind, std::int32_t in
 void RecordFiles::store_pkg(const pkg_info& pkg) const {
     ubus::BlobBuf msg;
     pkg_record_message(msg, pkg);
-    write_record(pkg_path(pkg.id), msg);
+    write_record(pkg_path(pkg.id), msg, kSecretRecordMode);
 }
 
 void RecordFiles::store_du(const pkg_info& pkg) const {
