@@ -8,6 +8,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
+#include <random>
 
 #include "gateway_client.hpp"
 #include "pkgd/engine.hpp"
@@ -44,19 +47,25 @@ sandbox::GatewayOptions feed_gateway() {
     return options;
 }
 
-class EngineInGateway : public gwtest::SharedGateway<feed_gateway> {
+// The suite's fixture over the gateway it runs on.
+template <sandbox::GatewayOptions (*Options)()>
+class EngineGateway : public gwtest::SharedGateway<Options> {
 protected:
+    using gwtest::SharedGateway<Options>::gw_;
+
     static inline std::vector<std::string> records_;  // the feed index so far
 
     // Builds a package and lists it in the signed index; its file name in the feed.
     static std::string publish(const std::string& name, const std::string& version,
-                               feed::Hostile hostile = feed::Hostile::none, std::string section = "utils") {
+                               feed::Hostile hostile = feed::Hostile::none, std::string section = "utils",
+                               feed::Tree extra = {}) {
         const feed::Pki pki = feed::load_pki(gw_->feed_pki_dir());
         feed::PackageSpec spec;
         spec.control = "Package: " + name + "\nVersion: " + version + "\nArchitecture: all\nMaintainer: ACME\n" +
                        "Section: " + section + "\nDescription: " + name + " for the tests\n";
         spec.tree = {feed::file_entry("usr/bin/" + name, "#!/bin/sh\nexec sleep 600\n", 0755),
                      feed::file_entry("etc/init.d/" + name, "#!/bin/sh\nexit 0\n", 0755)};
+        spec.tree.insert(spec.tree.end(), extra.begin(), extra.end());
         spec.hostile = hostile;
         spec.dot_slash_names = true;  // as stock package tools name the members
         const feed::Package pkg = feed::build_package(spec, pki);
@@ -127,6 +136,11 @@ protected:
 };
 
 using V = std::vector<std::string>;
+using EngineInGateway = EngineGateway<feed_gateway>;
+
+std::size_t files_in(const fs::path& dir) {
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
+}
 
 TEST_F(EngineInGateway, InstallOverEachTransportThenRemoveLeavesNothingBehind) {
     const std::string file = publish("hello", "1.0");
@@ -158,44 +172,91 @@ TEST_F(EngineInGateway, InstallOverEachTransportThenRemoveLeavesNothingBehind) {
     EXPECT_FALSE(fs::exists(gw_->path("/tmp/.ipk.conf"))) << "the install removes its configuration";
 }
 
-// Each failure the real tools can produce: the fault the management side is told, the events, and
-// no record or instance left behind.
+// Each failure the real tools and peers can produce: the fault the management side is told, the
+// events, and no record, instance or file of the package left behind.
 TEST_F(EngineInGateway, FailedInstallsReportTheirFaultAndUndo) {
+    const std::string long_name(42, 'n');  // its unit list's path does not fit: discovery fails
+    ASSERT_EQ(operate(OPERATION_INSTALL, "90", url("http", publish("owner", "1.0"))), 0);
     struct Case {
         std::string name;
-        feed::Hostile hostile;
-        std::string file_override;  // a file the feed does not have, or "" for the package's
+        std::function<std::string()> prepare;  // publishes what the case needs; the URL to install
         V story;
     };
+    const auto hostile = [](std::string name, feed::Hostile kind) {
+        return [name, kind] { return url("http", publish(name, "1.0", kind)); };
+    };
     const Case cases[] = {
-        {"untrusted", feed::Hostile::untrusted_signer, "", {"20", "result 9018", "9"}},
-        {"expired", feed::Hostile::expired_signer, "", {"20", "result 9018", "9"}},
-        {"tampered", feed::Hostile::bad_digest, "", {"20", "result 9018", "9"}},
-        {"renamed", feed::Hostile::name_mismatch, "", {"20", "result 9018", "9"}},
-        {"bomb", feed::Hostile::gzip_bomb, "", {"20", "result 9018", "9"}},
-        {"unlisted", feed::Hostile::none, "missing_1.0_all.ipk", {"20", "result 9003", "7"}},
+        {"untrusted", hostile("untrusted", feed::Hostile::untrusted_signer), {"20", "result 9018", "9"}},
+        {"expired", hostile("expired", feed::Hostile::expired_signer), {"20", "result 9018", "9"}},
+        {"tampered", hostile("tampered", feed::Hostile::bad_digest), {"20", "result 9018", "9"}},
+        {"renamed", hostile("renamed", feed::Hostile::name_mismatch), {"20", "result 9018", "9"}},
+        {"bomb", hostile("bomb", feed::Hostile::gzip_bomb), {"20", "result 9018", "9"}},
+        {"unlisted", [] { return url("http", "unlisted_1.0_all.ipk"); }, {"20", "result 9003", "7"}},
+        {"nofeed", [] { return gw_->feed_url("http") + "/nowhere/nofeed_1.0_all.ipk"; }, {"20", "result 9017", "7"}},
+        {"vanished",
+         [] {
+             const std::string file = publish("vanished", "1.0");
+             fs::remove(g_feed_dir / file);
+             return url("http", file);
+         },
+         {"20", "result 9017", "7"}},
+        {"owner", [] { return url("http", "owner_1.0_all.ipk"); }, {"20", "result 9026", "7"}},
+        {"clash",
+         [] {
+             return url("http", publish("clash", "1.0", feed::Hostile::none, "utils",
+                                        {feed::file_entry("usr/bin/owner", "mine\n", 0755)}));
+         },
+         {"20", "6", "21", "result 9001", "9"}},
+        {long_name, [&] { return url("http", publish(long_name, "1.0")); }, {"20", "6", "21", "result 9001", "9"}},
+        {"nomodel",
+         [] {
+             EXPECT_TRUE(gw_->set_fault("datamodel", "absent"));
+             return url("http", publish("nomodel", "1.0"));
+         },
+         {"20", "result 9027", "9"}},
     };
     int id = 100;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        std::string file = publish(c.name, "1.0", c.hostile);
-        if (!c.file_override.empty()) file = c.file_override;
+        const std::string package_url = c.prepare();
+        const std::size_t du_files = files_in(gw_->path("/usr/local/package/du"));
         gwtest::Client bus = listener();
-        EXPECT_EQ(operate(OPERATION_INSTALL, std::to_string(++id), url("http", file)), -1);
-        EXPECT_EQ(story(bus, 3), c.story);
-        EXPECT_FALSE(fs::exists(gw_->path("/usr/bin/" + c.name)));
+        EXPECT_EQ(operate(OPERATION_INSTALL, std::to_string(++id), package_url), -1);
+        EXPECT_EQ(story(bus, c.story.size()), c.story);
+        EXPECT_TRUE(gw_->set_fault("datamodel", "normal"));
+        if (c.name != "owner") {
+            EXPECT_FALSE(fs::exists(gw_->path("/usr/bin/" + c.name)));
+        }
         EXPECT_FALSE(fs::exists(gw_->path("/usr/local/package/pkg/" + std::to_string(id))));
-        EXPECT_TRUE(fs::is_empty(gw_->path("/usr/local/package/du")));
+        EXPECT_EQ(files_in(gw_->path("/usr/local/package/du")), du_files);
     }
-    // The file is in the index but gone from the server: the download fails.
-    const std::string file = publish("vanished", "1.0");
-    fs::remove(g_feed_dir / file);
-    gwtest::Client bus = listener();
-    EXPECT_EQ(operate(OPERATION_INSTALL, "120", url("http", file)), -1);
-    EXPECT_EQ(story(bus, 3), (V{"20", "result 9017", "7"}));
+    EXPECT_EQ(gwtest::read_text(gw_->path("/usr/bin/owner")), "#!/bin/sh\nexec sleep 600\n")
+        << "a refused package changed another's file";
 }
 
-TEST_F(EngineInGateway, UpdateTakesTheFeedsNewVersionWhichTheQueryThenKnowsAsLatest) {
+sandbox::GatewayOptions small_disk_gateway() {
+    sandbox::GatewayOptions options = feed_gateway();
+    options.root_size_mib = 20;
+    return options;
+}
+using EngineOnASmallDisk = EngineGateway<small_disk_gateway>;
+
+// The disk check looks at the gateway's real file system: a package that would fill it beyond
+// three quarters is refused before anything is downloaded.
+TEST_F(EngineOnASmallDisk, APackageTooLargeForTheDiskIsRefused) {
+    // Incompressible, so that the package itself is as large as its payload.
+    std::string payload(16u << 20, '\0');
+    std::mt19937 random(7);
+    for (char& c : payload) c = static_cast<char>(random());
+    const std::string file =
+        publish("big", "1.0", feed::Hostile::none, "utils", {feed::file_entry("usr/share/big.bin", payload)});
+    gwtest::Client bus = listener();
+    EXPECT_EQ(operate(OPERATION_INSTALL, "1", url("http", file)), -1);
+    EXPECT_EQ(story(bus, 3), (V{"20", "result 9027", "7"}));
+    EXPECT_FALSE(fs::exists(gw_->path("/tmp/" + file)));
+}
+
+TEST_F(EngineInGateway, UpdateTakesTheFeedsNewVersionAndFailuresKeepWhatIsInstalled) {
     const std::string v1 = publish("tool", "1.0");
     ASSERT_EQ(operate(OPERATION_INSTALL, "200", url("http", v1)), 0);
     const std::string v2 = publish("tool", "1.10");
@@ -208,6 +269,22 @@ TEST_F(EngineInGateway, UpdateTakesTheFeedsNewVersionWhichTheQueryThenKnowsAsLat
     EXPECT_NE(gwtest::read_text(gw_->path("/usr/lib/opkg/info/tool.control")).find("Version: 1.10"),
               std::string::npos);
     EXPECT_EQ(operate(-1, "200", url("http", v2)), 0);
+
+    // A failed update keeps the installed version and starts its units again.
+    const std::string v3 = publish("tool", "1.11");
+    fs::remove(g_feed_dir / v3);
+    gwtest::Client failed = listener();
+    operate(OPERATION_UPDATE, "200", url("http", v3));
+    EXPECT_EQ(story(failed, 4), (V{"23", "result 9017", "24", "10"}));
+    EXPECT_NE(gwtest::read_text(gw_->path("/usr/lib/opkg/info/tool.control")).find("Version: 1.10"),
+              std::string::npos);
+
+    // A removal the package tool refuses deletes nothing.
+    ASSERT_TRUE(gw_->run({"opkg", "remove", "tool"}).ok());
+    gwtest::Client refused = listener();
+    EXPECT_EQ(operate(OPERATION_REMOVE, "200", ""), -1);
+    EXPECT_EQ(story(refused, 3), (V{"22", "result 9001", "14"}));
+    EXPECT_TRUE(fs::exists(gw_->path("/usr/local/package/pkg/200")));
 }
 
 TEST_F(EngineInGateway, AnEnvironmentPackageIsAnnouncedAddedAndDeleted) {
