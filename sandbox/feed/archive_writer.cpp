@@ -71,11 +71,6 @@ void ArchiveWriter::add_symlink(std::string_view path, std::string_view target) 
     check(archive_write_header(archive_.get(), e.get()), "header of " + std::string(path));
 }
 
-void ArchiveWriter::add_fifo(std::string_view path, unsigned mode) {
-    EntryPtr e = new_entry(path, AE_IFIFO, mode);
-    check(archive_write_header(archive_.get(), e.get()), "header of " + std::string(path));
-}
-
 std::string ArchiveWriter::finish() {
     check(archive_write_close(archive_.get()), "close");
     return std::move(out_);

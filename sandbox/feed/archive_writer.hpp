@@ -18,7 +18,6 @@ public:
     void add_file(std::string_view path, std::string_view content, unsigned mode = 0644);
     void add_directory(std::string_view path, unsigned mode = 0755);
     void add_symlink(std::string_view path, std::string_view target);
-    void add_fifo(std::string_view path, unsigned mode = 0644);
     // The archive's bytes; nothing may be added afterwards.
     std::string finish();
 

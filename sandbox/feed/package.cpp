@@ -65,9 +65,6 @@ std::string data_archive(const Tree& tree, std::string_view prefix, std::uint64_
         case TreeEntry::Kind::symlink:
             w.add_symlink(path, e.data);
             break;
-        case TreeEntry::Kind::fifo:
-            w.add_fifo(path, e.mode);
-            break;
         }
     }
     return w.finish();

@@ -17,7 +17,7 @@
 namespace sandbox::feed {
 
 struct TreeEntry {
-    enum class Kind { file, directory, symlink, fifo };  // fifo: a member package tools refuse
+    enum class Kind { file, directory, symlink };
     std::string path;  // relative, "/" separated
     Kind kind = Kind::file;
     std::string data;  // a file's content, a symlink's target
