@@ -158,41 +158,23 @@ TEST_F(EngineInGateway, InstallOverEachTransportThenRemoveLeavesNothingBehind) {
     EXPECT_FALSE(fs::exists(gw_->path("/tmp/.ipk.conf"))) << "the install removes its configuration";
 }
 
-// Each failure the real tools can produce: the fault the management side is told, the events, and
-// no record or instance left behind.
+// Failures of the real tools and files: the fault the management side is told, the events, and
+// no record or instance left behind. (Each kind of bad package is told apart by the engine's unit
+// tests; here one stands for them, checked against the gateway's own trust anchor.)
 TEST_F(EngineInGateway, FailedInstallsReportTheirFaultAndUndo) {
-    struct Case {
-        std::string name;
-        feed::Hostile hostile;
-        std::string file_override;  // a file the feed does not have, or "" for the package's
-        V story;
-    };
-    const Case cases[] = {
-        {"untrusted", feed::Hostile::untrusted_signer, "", {"20", "result 9018", "9"}},
-        {"expired", feed::Hostile::expired_signer, "", {"20", "result 9018", "9"}},
-        {"tampered", feed::Hostile::bad_digest, "", {"20", "result 9018", "9"}},
-        {"renamed", feed::Hostile::name_mismatch, "", {"20", "result 9018", "9"}},
-        {"bomb", feed::Hostile::gzip_bomb, "", {"20", "result 9018", "9"}},
-        {"unlisted", feed::Hostile::none, "missing_1.0_all.ipk", {"20", "result 9003", "7"}},
-    };
-    int id = 100;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::string file = publish(c.name, "1.0", c.hostile);
-        if (!c.file_override.empty()) file = c.file_override;
-        gwtest::Client bus = listener();
-        EXPECT_EQ(operate(OPERATION_INSTALL, std::to_string(++id), url("http", file)), -1);
-        EXPECT_EQ(story(bus, 3), c.story);
-        EXPECT_FALSE(fs::exists(gw_->path("/usr/bin/" + c.name)));
-        EXPECT_FALSE(fs::exists(gw_->path("/usr/local/package/pkg/" + std::to_string(id))));
-        EXPECT_TRUE(fs::is_empty(gw_->path("/usr/local/package/du")));
-    }
+    const std::string untrusted = publish("untrusted", "1.0", feed::Hostile::untrusted_signer);
+    gwtest::Client bus = listener();
+    EXPECT_EQ(operate(OPERATION_INSTALL, "101", url("http", untrusted)), -1);
+    EXPECT_EQ(story(bus, 3), (V{"20", "result 9018", "9"}));
+    EXPECT_FALSE(fs::exists(gw_->path("/usr/bin/untrusted")));
+    EXPECT_FALSE(fs::exists(gw_->path("/usr/local/package/pkg/101")));
+    EXPECT_TRUE(fs::is_empty(gw_->path("/usr/local/package/du")));
     // The file is in the index but gone from the server: the download fails.
     const std::string file = publish("vanished", "1.0");
     fs::remove(g_feed_dir / file);
-    gwtest::Client bus = listener();
+    gwtest::Client again = listener();
     EXPECT_EQ(operate(OPERATION_INSTALL, "120", url("http", file)), -1);
-    EXPECT_EQ(story(bus, 3), (V{"20", "result 9017", "7"}));
+    EXPECT_EQ(story(again, 3), (V{"20", "result 9017", "7"}));
 }
 
 TEST_F(EngineInGateway, UpdateTakesTheFeedsNewVersionWhichTheQueryThenKnowsAsLatest) {
