@@ -6,12 +6,11 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <sstream>
 
+#include "gateway_client.hpp"
 #include "sandbox/feed/index.hpp"
 #include "sandbox/feed/package.hpp"
 #include "sandbox/feed/signature.hpp"
-#include "sandbox/gateway.hpp"
 
 namespace {
 
@@ -41,12 +40,7 @@ protected:
         fs::create_directories(host.parent_path());
         std::ofstream(host, std::ios::binary) << content;
     }
-    static std::string read(const std::string& inside) {
-        std::ifstream in(gw_->path(inside), std::ios::binary);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
+    static std::string read(const std::string& inside) { return gwtest::read_text(gw_->path(inside)); }
     static bool exists(const std::string& inside) {
         return fs::exists(fs::symlink_status(gw_->path(inside)));
     }
