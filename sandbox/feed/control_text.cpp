@@ -24,8 +24,9 @@ ReadPtr open_tar(std::string_view tar_bytes) {
     return a;
 }
 
-// The content of the first member of a tar (gzip or plain) named `name` or "./name".
-std::string member(std::string_view tar_bytes, std::string_view name) {
+}  // namespace
+
+std::string read_member(std::string_view tar_bytes, std::string_view name) {
     ReadPtr a = open_tar(tar_bytes);
     archive_entry* entry = nullptr;
     while (archive_read_next_header(a.get(), &entry) == ARCHIVE_OK) {
@@ -41,8 +42,6 @@ std::string member(std::string_view tar_bytes, std::string_view name) {
     }
     throw FeedError("no member " + std::string(name) + " in the archive");
 }
-
-}  // namespace
 
 std::string control_field(std::string_view control, std::string_view key) {
     std::size_t start = 0;
@@ -62,11 +61,11 @@ std::string control_field(std::string_view control, std::string_view key) {
 }
 
 std::string read_package_control(std::string_view ipk_bytes) {
-    return member(member(ipk_bytes, "control.tar.gz"), "control");
+    return read_member(read_member(ipk_bytes, "control.tar.gz"), "control");
 }
 
 std::uint64_t read_installed_size(std::string_view ipk_bytes) {
-    const std::string data = member(ipk_bytes, "data.tar.gz");
+    const std::string data = read_member(ipk_bytes, "data.tar.gz");
     ReadPtr a = open_tar(data);
     std::uint64_t total = 0;
     archive_entry* entry = nullptr;

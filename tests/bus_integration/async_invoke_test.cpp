@@ -65,17 +65,16 @@ TEST_F(AsyncInvoke, RepliesArriveThroughTheLoopWhileTheCallerKeepsServing) {
         if (c.connect(broker.socket()) != ubus::kOk) return -1;
         return c.invoke(mine.id, "ping", {}, nullptr, 5000);
     });
-    loop.add_timer(std::chrono::milliseconds(0), [&] {
-        // Keep running until both the call and the other client are done.
-        std::function<void()> check;
-        check = [&] {
-            if (out.calls > 0 && other.wait_for(std::chrono::seconds(0)) == std::future_status::ready)
-                loop.stop();
-            else
-                loop.add_timer(std::chrono::milliseconds(5), check);
-        };
-        check();
-    });
+    // Keep running until both the call and the other client are done. (`check` outlives the loop
+    // run: each timer holds a copy that refers to it.)
+    std::function<void()> check;
+    check = [&] {
+        if (out.calls > 0 && other.wait_for(std::chrono::seconds(0)) == std::future_status::ready)
+            loop.stop();
+        else
+            loop.add_timer(std::chrono::milliseconds(5), check);
+    };
+    loop.add_timer(std::chrono::milliseconds(0), check);
     loop.run();
     EXPECT_EQ(other.get(), ubus::kOk);
     EXPECT_EQ(out.calls, 1);

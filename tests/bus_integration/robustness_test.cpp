@@ -1,5 +1,4 @@
-// Messages at the size limit, many callers at once, and hostile clients that cannot disturb anyone
-// else.
+// Messages at the size limit, and hostile clients that cannot disturb a caller meanwhile.
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -7,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <future>
 #include <random>
 #include <thread>
 
@@ -81,35 +79,6 @@ TEST(Limits, MessagesAtTheSizeLimitArriveIntactAndLargerOnesAreRefusedBeforeThey
     EXPECT_EQ(call("echo", args_of_size(fits + 4)), ubus::kInvalidArgument);
     EXPECT_EQ(call("echo", args_of_size(ubus::kMaxBodyLen)), ubus::kInvalidArgument);
     EXPECT_EQ(call("echo", args_of_size(4)), ubus::kOk) << "the connection survived";
-}
-
-TEST(Load, ConcurrentClientsEachGetTheirOwnAnswers) {
-    BrokerProcess broker;
-    ServingThread owner(broker.socket());
-    const std::uint32_t svc =
-        owner.add("svc", {{"echo", {}, [](ubus::Request& req) { return req.reply(req.args()); }}});
-    owner.start();
-    constexpr int kClients = 8, kCalls = 100;
-    std::vector<std::future<int>> wrong;
-    for (int t = 0; t < kClients; ++t) {
-        wrong.push_back(std::async(std::launch::async, [&, t] {
-            ubus::Connection mine;
-            if (mine.connect(broker.socket()) != ubus::kOk) return kCalls;
-            int mismatches = 0;
-            for (int i = 0; i < kCalls; ++i) {
-                ubus::BlobBuf args;
-                args.add_i32("t", t);
-                args.add_i32("i", i);
-                bool echoed = false;
-                const int status = mine.invoke(
-                    svc, "echo", args.members(),
-                    [&](ubus::Bytes data) { echoed = std::ranges::equal(data, args.members()); }, 10000);
-                mismatches += status != ubus::kOk || !echoed;
-            }
-            return mismatches;
-        }));
-    }
-    for (auto& w : wrong) EXPECT_EQ(w.get(), 0);
 }
 
 TEST(Robustness, CallsKeepWorkingWhileClientsSendMalformedTruncatedAndMangledFrames) {

@@ -173,7 +173,9 @@ TEST_F(EngineInGateway, InstallOverEachTransportThenRemoveLeavesNothingBehind) {
 }
 
 // Each failure the real tools and peers can produce: the fault the management side is told, the
-// events, and no record, instance or file of the package left behind.
+// events, and no record, instance or file of the package left behind. (The kinds of bad package are
+// told apart by the engine's unit tests; here one stands for them, against the gateway's own trust
+// anchor.)
 TEST_F(EngineInGateway, FailedInstallsReportTheirFaultAndUndo) {
     const std::string long_name(42, 'n');  // its unit list's path does not fit: discovery fails
     ASSERT_EQ(operate(OPERATION_INSTALL, "90", url("http", publish("owner", "1.0"))), 0);
@@ -182,16 +184,10 @@ TEST_F(EngineInGateway, FailedInstallsReportTheirFaultAndUndo) {
         std::function<std::string()> prepare;  // publishes what the case needs; the URL to install
         V story;
     };
-    const auto hostile = [](std::string name, feed::Hostile kind) {
-        return [name, kind] { return url("http", publish(name, "1.0", kind)); };
-    };
     const Case cases[] = {
-        {"untrusted", hostile("untrusted", feed::Hostile::untrusted_signer), {"20", "result 9018", "9"}},
-        {"expired", hostile("expired", feed::Hostile::expired_signer), {"20", "result 9018", "9"}},
-        {"tampered", hostile("tampered", feed::Hostile::bad_digest), {"20", "result 9018", "9"}},
-        {"renamed", hostile("renamed", feed::Hostile::name_mismatch), {"20", "result 9018", "9"}},
-        {"bomb", hostile("bomb", feed::Hostile::gzip_bomb), {"20", "result 9018", "9"}},
-        {"unlisted", [] { return url("http", "unlisted_1.0_all.ipk"); }, {"20", "result 9003", "7"}},
+        {"untrusted",
+         [] { return url("http", publish("untrusted", "1.0", feed::Hostile::untrusted_signer)); },
+         {"20", "result 9018", "9"}},
         {"nofeed", [] { return gw_->feed_url("http") + "/nowhere/nofeed_1.0_all.ipk"; }, {"20", "result 9017", "7"}},
         {"vanished",
          [] {

@@ -12,10 +12,26 @@
 #include <vector>
 
 #include "pkgd/engine_parts.hpp"
+#include "sandbox/feed/package.hpp"
 
 namespace pkgd::testing {
 
 using strings = std::vector<std::string>;
+namespace feed = sandbox::feed;
+
+// One PKI for the whole run: making keys is the slow part of building a package.
+inline const feed::Pki& test_pki() {
+    static const feed::Pki pki = feed::make_pki();
+    return pki;
+}
+// The package "hello" as the feed tools build it, `edit` changing the defaults.
+inline std::string hello_ipk(const std::function<void(feed::PackageSpec&)>& edit = {}) {
+    feed::PackageSpec spec;
+    spec.control = "Package: hello\nVersion: 1.0\n";
+    spec.tree = {feed::file_entry("usr/bin/hello", "#!/bin/sh\n", 0755)};
+    if (edit) edit(spec);
+    return feed::build_package(spec, test_pki()).bytes;
+}
 
 struct Rig final : SystemEnv, CommandRunner, LogSink, EnginePeers {
     std::string root = make_root();

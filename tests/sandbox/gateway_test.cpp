@@ -1,12 +1,11 @@
-// Bringing a gateway up and down: what was prepared in its root, what a process inside may touch, its
-// PID namespace and syslog, what a killed launcher leaves behind, start-up failures, and the
-// unprivileged (user namespace) path.
+// Bringing a gateway up and down: what a process inside may touch, its PID namespace and syslog,
+// what a killed launcher leaves behind, start-up failures, and the unprivileged (user namespace)
+// path.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 
 #include "gateway_client.hpp"
 #include "poll.hpp"
@@ -31,21 +30,6 @@ GatewayOptions with_pkgd() {
     GatewayOptions options = gwtest::named_gateway();
     options.pkgd = true;
     return options;
-}
-
-TEST(Gateway, RootKeepsWhatWasPreparedAndRunsTheBuildsPrograms) {
-    GatewayOptions options = gwtest::named_gateway();
-    options.prepare = [](const fs::path& root) {
-        std::ofstream(root / "etc/passwd") << "root:x:0:0:root:/root:/bin/sh\nsvc:x:100:100::/:/bin/false\n";
-        gwtest::write_script(root / "etc/init.d/demo", R"sh(echo "demo $1 as $(id -un)")sh");
-    };
-    Gateway gw(options);  // the launcher completes the root again: what is there must stay
-    ASSERT_TRUE(gw.up()) << gw.error();
-    // A dynamically linked program of the build runs after the chroot: the host's libraries are seen.
-    CommandResult broker = gw.run({"/opt/pkgd/bin/ubusd", "-h"});
-    EXPECT_TRUE(broker.ok()) << broker.err;
-    EXPECT_EQ(gw.run({"/etc/init.d/demo", "start"}).out, "demo start as root\n");
-    EXPECT_NE(read_text(gw.path("/etc/passwd")).find("svc:x:100"), std::string::npos);
 }
 
 TEST(Gateway, HostFilesAreSeenReadOnlyAndWritesLandInTheRootAndItsSyslog) {
@@ -107,19 +91,6 @@ TEST(Gateway, KillingTheLauncherLeavesNoProcessAndNoMountBehind) {
     EXPECT_FALSE(host_has_mounts_below(gw.root()));
     // The helper that started the sleeper on the host notices that its program died.
     EXPECT_EQ(sleeper.wait(10s), 128 + SIGKILL);
-}
-
-TEST(Gateway, OrderlyStopEndsPkgdAndEverythingElse) {
-    Gateway gw(with_pkgd());
-    ASSERT_TRUE(gw.up()) << gw.error();
-    ASSERT_TRUE(gwtest::Client(gw).wait_for_object(kEnvironment));  // serving: SIGTERM is handled
-    const std::string pid_ns = gw.pid_namespace();
-    EXPECT_EQ(gw.shut_down(), 0);
-    // pkgd got SIGTERM and ended by itself (with 0, not by the signal).
-    EXPECT_EQ(read_text(gw.path("/var/run/sandbox/pkgd.status")), "exit:0\n");
-    EXPECT_EQ(survivors("pid", pid_ns), std::vector<pid_t>{});
-    EXPECT_FALSE(fs::exists(gw.path("/var/run/sandbox/ready")));
-    EXPECT_EQ(gw.run({"true"}).exit_code, 125);  // nothing left to run it in
 }
 
 TEST(Gateway, StartUpFailuresAreReportedNotWaitedOut) {

@@ -1,13 +1,11 @@
 // How the gateway runs pkgd: in its root with only the environment it is given, and started,
-// stopped, restarted and signalled on request through the launcher's control socket.
+// stopped, restarted and signalled on request.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 
 #include "gateway_client.hpp"
 #include "poll.hpp"
-#include "unix_socket.hpp"
 
 namespace sandbox {
 namespace {
@@ -81,31 +79,6 @@ TEST(Pkgd, StartedLaterThenSignalledRestartedAndStopped) {
     const auto stopped = gw.wait_pkgd_exit();
     ASSERT_TRUE(stopped);
     EXPECT_TRUE(stopped->exited_with(0)) << format_pkgd_status(*stopped);
-}
-
-TEST(Pkgd, RequestsAreRefusedWhenNoneIsConfigured) {
-    Gateway gw(gwtest::named_gateway());
-    ASSERT_TRUE(gw.up()) << gw.error();
-    const auto status = gw.pkgd_status();
-    ASSERT_TRUE(status);
-    EXPECT_EQ(status->state, State::kAbsent);
-    EXPECT_EQ(gw.start_pkgd().error(), "no pkgd is configured");
-}
-
-TEST(ControlSocket, SilentAndGarbageClientsDoNotHoldUpOthers) {
-    Gateway gw(with_pkgd());
-    ASSERT_TRUE(gw.up()) << gw.error();
-    const auto socket = gw.path("/var/run/sandbox/control.sock");
-    // Connected, never speaking: the launcher must not wait for it.
-    const ubus::UniqueFd silent = connect_unix(socket, SOCK_STREAM);
-    ASSERT_TRUE(silent);
-    ControlReply unknown = control_request(socket, "reboot", 5s);
-    EXPECT_FALSE(unknown.ok);
-    EXPECT_EQ(unknown.text, "unknown request: reboot");
-    for (const std::string& bad :
-         {std::string(10000, 'x'), std::string("signal 9x"), std::string("signal 65")})
-        EXPECT_FALSE(control_request(socket, bad, 5s).ok) << bad.substr(0, 10);
-    EXPECT_EQ(gw.pkgd_status().value_or(PkgdStatus{}).state, State::kRunning);
 }
 
 }  // namespace

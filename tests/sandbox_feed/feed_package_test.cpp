@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
 
@@ -6,17 +7,14 @@
 #include <fstream>
 #include <sstream>
 
-#include "feed_verify.hpp"
 #include "sandbox/feed/index.hpp"
 #include "sandbox/feed/package.hpp"
 #include "sandbox/feed/pki.hpp"
+#include "sandbox/feed/signature.hpp"
 
 namespace {
 
 using namespace sandbox::feed;
-using feedcheck::member;
-using feedcheck::sha256;
-using feedcheck::verify;
 namespace fs = std::filesystem;
 
 const Pki& pki() {
@@ -47,74 +45,16 @@ std::string read(const fs::path& p) {
     return s.str();
 }
 
-TEST(FeedPackage, HonestPackageHasTheLayoutTheGatewayChecks) {
-    for (bool dot : {false, true}) {
-        SCOPED_TRACE(dot ? "./ names" : "plain names");
-        const std::string p = dot ? "./" : "";
-        Package pkg = build_package(spec(Hostile::none, dot), pki());
-        std::vector<std::string> names;
-        for (const auto& m : feedcheck::members(pkg.bytes)) names.push_back(m.name);
-        EXPECT_EQ(names, (std::vector<std::string>{p + "debian-binary", p + "control.tar.gz", p + "data.tar.gz",
-                                                   p + "checksum.sha256", p + "checksum.sig"}));
-        const std::string data = *member(pkg.bytes, p + "data.tar.gz");
-        const std::string control = *member(pkg.bytes, p + "control.tar.gz");
-        const std::string sums = *member(pkg.bytes, p + "checksum.sha256");
-        EXPECT_EQ(sums, sha256(data) + " data.tar.gz\n" + sha256(control) + " control.tar.gz\n");
-        EXPECT_TRUE(verify(*member(pkg.bytes, p + "checksum.sig"), sums, pki().ca.cert_pem));
-        EXPECT_FALSE(verify(*member(pkg.bytes, p + "checksum.sig"), sums + " ", pki().ca.cert_pem));
-        EXPECT_EQ(member(control, p + "control"), kControl);
-        bool saw_script = false, saw_file = false, saw_link = false;
-        for (const auto& m : feedcheck::members(control))
-            if (m.name == p + "postinst") saw_script = m.mode == 0755;
-        for (const auto& m : feedcheck::members(data)) {
-            if (m.name == p + "usr/bin/hello") saw_file = m.content == "#!/bin/sh\n" && m.mode == 0755;
-            if (m.name == p + "usr/bin/hi") saw_link = m.symlink && m.content == "hello";
-        }
-        EXPECT_TRUE(saw_script && saw_file && saw_link);
-        EXPECT_EQ(pkg.installed_size, 10u);
-    }
-}
-
-TEST(FeedPackage, EachHostileVariantBreaksOnePromise) {
-    const time_t ten_days_ago = ::time(nullptr) - 10 * 24 * 3600;
-    for (Hostile kind : all_hostile()) {
-        SCOPED_TRACE(std::string(hostile_name(kind)));
-        EXPECT_EQ(parse_hostile(hostile_name(kind)), kind);
-        Package pkg = build_package(spec(kind), pki());
-        EXPECT_EQ(pkg.index_control, kControl);
-        if (kind == Hostile::gzip_bomb) {
-            auto m = feedcheck::members(pkg.bytes, true);
-            ASSERT_EQ(m.size(), 1u);
-            EXPECT_GE(m[0].size, 1ll << 30);
-            EXPECT_LT(pkg.bytes.size(), (std::size_t{1} << 30) / 500);
-            continue;
-        }
-        const std::string sums = *member(pkg.bytes, "checksum.sha256");
-        const auto sig = member(pkg.bytes, "checksum.sig");
-        const std::string data = *member(pkg.bytes, "data.tar.gz");
-        const std::string control = *member(member(pkg.bytes, "control.tar.gz").value(), "control");
-        const bool signed_ok = sig && verify(*sig, sums, pki().ca.cert_pem);
-        EXPECT_EQ(signed_ok, kind != Hostile::unsigned_package && kind != Hostile::untrusted_signer &&
-                                 kind != Hostile::expired_signer);
-        EXPECT_EQ(sums.starts_with(sha256(data) + " "), kind != Hostile::bad_digest);
-        EXPECT_EQ(control_field(control, "Package"), kind == Hostile::name_mismatch ? "hello-impostor" : "hello");
-        // Each wrong signer still signs properly: only the trust or the time fails.
-        if (kind == Hostile::untrusted_signer) {
-            EXPECT_TRUE(verify(*sig, sums, pki().untrusted_ca.cert_pem));
-        }
-        if (kind == Hostile::expired_signer) {
-            EXPECT_TRUE(verify(*sig, sums, pki().ca.cert_pem, ten_days_ago));
-        }
-        const auto all = feedcheck::members(pkg.bytes);
-        auto has = [&](const std::string& name, bool link) {
-            for (const auto& m : all)
-                if (m.name == name && m.symlink == link) return true;
-            return false;
-        };
-        EXPECT_EQ(has("../escaped", false), kind == Hostile::dotdot_member);
-        EXPECT_EQ(has("/escaped", false), kind == Hostile::absolute_member);
-        EXPECT_EQ(has("escaped-link", true) && has("escaped-link/escaped", false), kind == Hostile::link_member);
-    }
+// The honest package and every hostile variant are checked by the gateway's own verifier in the
+// engine's tests and installed by the package tool in its sandbox tests; what is left here is what
+// no consumer looks at closely: the bomb's size and the names the feed tool takes.
+TEST(FeedPackage, TheBombInflatesToItsSizeAndEveryVariantHasAName) {
+    PackageSpec bomb = spec(Hostile::gzip_bomb);
+    bomb.bomb_bytes = std::uint64_t{8} << 20;
+    const Package pkg = build_package(bomb, pki());
+    EXPECT_EQ(read_member(pkg.bytes, "data.tar.gz").size(), bomb.bomb_bytes);
+    EXPECT_LT(pkg.bytes.size(), bomb.bomb_bytes / 500);
+    for (Hostile kind : all_hostile()) EXPECT_EQ(parse_hostile(hostile_name(kind)), kind);
 }
 
 TEST(FeedPki, ServerCertificateServesLoopbackAndKeysStayPrivate) {
@@ -147,10 +87,8 @@ TEST(FeedIndex, RecordsParseBackAndTheIndexIsSigned) {
                                          index_record(b.index_control, "other.ipk", b.bytes, b.installed_size)});
     fs::path dir = fs::path(FEED_SCRATCH_DIR) / ("feed-index-" + std::to_string(::getpid()));
     fs::create_directories(dir);
-    write_index(dir, text, pki().signer);
+    write_index(dir, text, pki().signer);  // its .gz and .sig are read by the package tool's tests
     EXPECT_EQ(read(dir / "Packages"), text);
-    EXPECT_EQ(feedcheck::gunzip(read(dir / "Packages.gz")), text);
-    EXPECT_TRUE(verify(read(dir / "Packages.sig"), text, pki().ca.cert_pem));
     fs::remove_all(dir);
 
     // Split as the gateway does: a line starting with a newline or a space ends a record, so
@@ -167,7 +105,7 @@ TEST(FeedIndex, RecordsParseBackAndTheIndexIsSigned) {
     if (records.back().empty()) records.pop_back();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(control_field(records[0], "Filename"), "hello.ipk");
-    EXPECT_EQ(control_field(records[0], "SHA256sum"), sha256(a.bytes));
+    EXPECT_EQ(control_field(records[0], "SHA256sum"), sha256_hex(a.bytes));
     EXPECT_EQ(control_field(records[0], "Size"), std::to_string(a.bytes.size()));
     EXPECT_EQ(control_field(records[0], "Installed-Size"), "10");
     EXPECT_EQ(control_field(records[0], "Section"), "utils");

@@ -7,24 +7,17 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 
+#include "gateway_client.hpp"
 #include "sandbox/feed/index.hpp"
 #include "sandbox/feed/package.hpp"
 #include "sandbox/feed/pki.hpp"
-#include "sandbox/gateway.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace sandbox;
-
-std::string read(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+using gwtest::read_text;
 
 // A fresh feed directory in the build tree, readable by the FTP session's user.
 struct ScratchFeed {
@@ -76,10 +69,10 @@ TEST(FeedServers, ServeTheSignedFeedOverHttpHttpsAndFtpWithTheLogin) {
     spec.control = "Package: hello\nVersion: 1\nDescription: hi\n";
     const feed::Package pkg = feed::build_package(spec, pki);
     feed::write_index(feed.dir, feed::index_record(pkg.index_control, "hello.ipk", pkg.bytes, 0), pki.signer);
-    const std::string expected = read(feed.dir / "Packages.gz");
+    const std::string expected = read_text(feed.dir / "Packages.gz");
     ASSERT_FALSE(expected.empty());
 
-    EXPECT_EQ(read(gw.path("/etc/opkg/opkg.pem")), pki.ca.cert_pem);
+    EXPECT_EQ(read_text(gw.path("/etc/opkg/opkg.pem")), pki.ca.cert_pem);
     const fs::path bundle = gw.path("/etc/ssl/certs/ca-certificates.crt");
     const fs::path untrusted = feed.dir / "untrusted.pem";
     std::ofstream(untrusted) << pki.untrusted_ca.cert_pem;
@@ -109,9 +102,9 @@ TEST(FeedServers, ServeTheSignedFeedOverHttpHttpsAndFtpWithTheLogin) {
     }
 
     // The password stays in files only root reads: never on a command line, never in the URLs file.
-    EXPECT_EQ(read(gw.path("/var/run/sandbox/feed.json")).find(good), std::string::npos);
+    EXPECT_EQ(read_text(gw.path("/var/run/sandbox/feed.json")).find(good), std::string::npos);
     for (pid_t pid : processes_in_namespace("pid", gw.pid_namespace()))
-        EXPECT_EQ(read("/proc/" + std::to_string(pid) + "/cmdline").find(good), std::string::npos) << pid;
+        EXPECT_EQ(read_text("/proc/" + std::to_string(pid) + "/cmdline").find(good), std::string::npos) << pid;
     for (const char* file : {"web-users", "ftp-users", "ftp-users.pdb", "server.pem"}) {
         struct stat st{};
         ASSERT_EQ(::stat(gw.path(std::string("/var/run/sandbox/feed/") + file).c_str(), &st), 0) << file;
@@ -139,7 +132,7 @@ TEST(FeedServers, RootSizeLimitsTheRootAndTheCallersTrustAnchorStays) {
     ASSERT_TRUE(size.ok()) << size.err;
     EXPECT_EQ(size.out, std::to_string(16u << 20));
 
-    EXPECT_EQ(read(gw.path("/etc/opkg/opkg.pem")), "the caller's own");
+    EXPECT_EQ(read_text(gw.path("/etc/opkg/opkg.pem")), "the caller's own");
     std::ofstream(gw.path("/tmp/from-host")) << "seen inside";
     EXPECT_EQ(gw.sh("cat /tmp/from-host").out, "seen inside");
     // Filling the disk fails inside, and nothing of it lands on the host's disk.

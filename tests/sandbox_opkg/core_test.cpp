@@ -1,7 +1,7 @@
-// The package tool's pure parts: configuration, command line, member paths, the install plan.
+// The package tool's pure parts: configuration, member paths, the install plan. (Its command
+// lines are the ones pkgd writes, run for real by the engine's gateway tests and the tool's own.)
 #include <gtest/gtest.h>
 
-#include "command_line.hpp"
 #include "config.hpp"
 #include "install_plan.hpp"
 #include "member_path.hpp"
@@ -62,29 +62,6 @@ TEST(OpkgConfig, RefusesBadLinesWithoutEchoingTheirValues) {
         EXPECT_EQ(r.error, c.error) << c.text;
         EXPECT_EQ(r.error.find("SECRET"), std::string::npos);
     }
-}
-
-TEST(OpkgCommandLine, TakesOptionsBeforeAndAfterTheCommand) {
-    const auto parse = [](std::vector<std::string_view> args) { return opkg::parse_command_line(args); };
-    const opkg::InvocationResult after =
-        parse({"download", "http://h/x.ipk", "-f", "/tmp/.ipk.conf", "-e", "3600"});
-    ASSERT_TRUE(after.ok()) << after.error;
-    EXPECT_EQ(after.invocation.command, "download");
-    EXPECT_EQ(after.invocation.operands, std::vector<std::string>{"http://h/x.ipk"});
-    EXPECT_EQ(after.invocation.config_path, "/tmp/.ipk.conf");
-    EXPECT_TRUE(after.invocation.config_given);
-    EXPECT_EQ(after.invocation.timeout_seconds, 3600);
-    const opkg::InvocationResult before = parse({"-o", "/r/", "-f", "c", "update"});
-    EXPECT_EQ(before.invocation.command, "update");
-    EXPECT_EQ(before.invocation.root, "/r");
-    EXPECT_EQ(parse({"list-installed"}).invocation.config_path, "/etc/opkg.conf");
-    EXPECT_EQ(parse({"-o", "/", "info", "x"}).invocation.root, "");
-    for (std::vector<std::string_view> bad : {std::vector<std::string_view>{"update", "-f"},
-                                              {"download", "u", "-e", "0"},
-                                              {"download", "u", "-e", "9x"},
-                                              {"update", "--force"},
-                                              {"-f", "c"}})
-        EXPECT_FALSE(parse(bad).ok()) << bad.front();
 }
 
 TEST(OpkgMemberPath, KeepsMembersBelowTheRoot) {

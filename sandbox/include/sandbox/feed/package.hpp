@@ -70,6 +70,8 @@ std::string package_file_name(std::string_view control);
 
 // The value of `key` ("Package", "Version" ...) in a control text; "" when absent.
 std::string control_field(std::string_view control, std::string_view key);
+// The content of the first member of a tar (gzip or plain) named `name` or "./name".
+std::string read_member(std::string_view tar_bytes, std::string_view name);
 // The control file inside a package's control.tar.gz.
 std::string read_package_control(std::string_view ipk_bytes);
 // The bytes of the regular files in a package's data.tar.gz.
