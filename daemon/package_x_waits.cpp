@@ -43,6 +43,10 @@ struct latest_version_wait {
 package_waits::package_waits() = default;
 package_waits::~package_waits() = default;
 
+void package_waits::clear() {
+    pending.clear();
+}
+
 namespace {
 
 using ubus::Type;
@@ -153,7 +157,8 @@ bool start_query(daemon_context& d, const pkg_info& pkg, ubus::Request& req) {
     ubus::UniqueFd read_end(ends[0]), write_end(ends[1]);
     if (::fcntl(read_end.get(), F_SETFL, ::fcntl(read_end.get(), F_GETFL) | O_NONBLOCK) != 0) return false;
 
-    const latest_version_query& query = d.waits.query ? d.waits.query : latest_version_query(run_gateway_query);
+    const latest_version_query& query =
+        d.waits.query ? d.waits.query : latest_version_query(run_gateway_query);
     const pid_t child = loop->fork_child([&] {
         read_end.reset();
         return answer_query(query, pkg, write_end.release());
@@ -188,14 +193,17 @@ int package_x_stop(daemon_context& d, ubus::Request& req) {
 
 int package_x_islatestversion(daemon_context& d, ubus::Request& req) {
     const registered_pkg* entry = d.s_pkgs.find_object(req.path());
-    if (entry == nullptr || entry->pkg->status != PKG_STATUS_INSTALLED) return hlapi_send(req, HLAPI_OPERATION_ERROR);
+    if (entry == nullptr || entry->pkg->status != PKG_STATUS_INSTALLED)
+        return hlapi_send(req, HLAPI_OPERATION_ERROR);
 
     const ubus::Attr given = ubus::parse(source_policy, req.args())[0];
     const source_args source = read_source(given);
-    if (given && (!source.protocol || !source.address)) return hlapi_send(req, HLAPI_ARGUMENT_REQUIRED_MISSING);
+    if (given && (!source.protocol || !source.address))
+        return hlapi_send(req, HLAPI_ARGUMENT_REQUIRED_MISSING);
 
     const pkg_info& queried = *entry->pkg;
-    const bool waiting = given ? start_query(d, query_record(queried, source), req) : start_query(d, queried, req);
+    const bool waiting =
+        given ? start_query(d, query_record(queried, source), req) : start_query(d, queried, req);
     if (waiting) return ubus::kOk;
     ubus::BlobBuf body;
     body.add_bool("Result", true);

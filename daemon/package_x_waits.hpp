@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -34,6 +35,10 @@ struct package_waits {
     ~package_waits();
     package_waits(const package_waits&) = delete;
     package_waits& operator=(const package_waits&) = delete;
+
+    std::size_t size() const { return pending.size(); }
+    // Ends every pending call with a failure status, while the loop they are hooked to exists.
+    void clear();
 
     // The query the children run; the gateway's package tool and feeds unless replaced.
     latest_version_query query;
