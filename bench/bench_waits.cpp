@@ -33,7 +33,8 @@ struct Pipe {
 };
 
 int call(ubus::Connection& bus, std::uint32_t object, std::string_view method, int timeout_ms) {
-    return bus.invoke(object, method, {}, [](ubus::Bytes) {}, timeout_ms);
+    return bus.invoke(
+        object, method, {}, [](ubus::Bytes) {}, timeout_ms);
 }
 
 // The caller's side: both measurements, then lets the query answer.
@@ -89,7 +90,8 @@ int main() {
     ubus::Loop loop;
     d.ctx.attach(loop);
     std::atomic<bool> done = false;
-    std::thread caller(measure, broker.socket(), std::ref(query_started), std::ref(query_gate), std::ref(done));
+    std::thread caller(measure, broker.socket(), std::ref(query_started), std::ref(query_gate),
+                       std::ref(done));
     std::function<void()> check = [&] { done ? loop.stop() : void(loop.add_timer(10ms, check)); };
     loop.add_timer(10ms, check);
     loop.run();
