@@ -40,7 +40,7 @@ protected:
         peer_.add("Services.Management.LCM.ExecutionEnvironments.System.Services",
                   {{"operate", {}, [this](ubus::Request& req) {
                         log("operate " + json(req.args()));
-                        if (manager_slow_) manager_gate_.wait();
+                        if (manager_silent_) held_.push_back(req.defer());  // answered at teardown
                         return manager_status_.load();
                     }}});
         peer_.bus().listen(kLcmEventType, [this](std::string_view, ubus::Bytes data) { log(json(data)); });
@@ -66,7 +66,6 @@ protected:
         d_.ctx.attach(loop_);
     }
     ~Waits() override {
-        if (manager_slow_) manager_release_.set_value();
         ::close(query_gate_[0]);
         ::close(query_gate_[1]);
         d_.waits.clear();  // while the loop they are hooked to exists
@@ -109,15 +108,14 @@ protected:
     }
 
     ubus::Loop loop_;
-    bus_test::ServingThread peer_{broker_.socket()};
     std::atomic<int> manager_status_{ubus::kOk};
-    bool manager_slow_ = true;
-    std::promise<void> manager_release_;
-    std::shared_future<void> manager_gate_ = manager_release_.get_future().share();
-    int query_gate_[2] = {-1, -1};  // query children answer once the write end is closed
+    std::atomic<bool> manager_silent_ = false;
+    std::vector<ubus::DeferredReply> held_;  // the calls a silent service manager leaves open
+    int query_gate_[2] = {-1, -1};           // query children answer once the write end is closed
     int query_result_ = 0;
     std::mutex mutex_;
     std::string log_;  // operate requests and LCM events, as the service manager's side saw them
+    bus_test::ServingThread peer_{broker_.socket()};  // last: its thread ends before the rest goes
 };
 
 // Each row: a call, what its peer answers (the service manager's status, or the query's result;
@@ -125,7 +123,6 @@ protected:
 // manager's side (requests and LCM events, in order), and the record the query looked at.
 TEST_F(Waits, EachCallFollowsItsPeersAnswer) {
     ::close(std::exchange(query_gate_[1], -1));
-    manager_slow_ = false;
     const std::string start = R"(operate {"Operation":"start","name":["svc-a"]}|)";
     const struct {
         std::string method, id, args;
@@ -167,6 +164,7 @@ TEST_F(Waits, EachCallFollowsItsPeersAnswer) {
 // Neither peer answers: every other call is served meanwhile, and the service manager's time-out
 // and the query's time limit end the waiting calls.
 TEST_F(Waits, WaitingCallsHoldUpNoOtherCall) {
+    manager_silent_ = true;
     auto start = call_async("1", "Start"), latest = call_async("1", "IsLatestVersion");
     ASSERT_TRUE(serve_until([&] { return d_.waits.size() == 1 && !log().empty(); }));
     EXPECT_NE(served(call_async("2", "Get")).find(R"("Status":"Installing")"), std::string::npos);
