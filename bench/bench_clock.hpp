@@ -8,9 +8,10 @@
 
 namespace bench {
 
-// Runs `body` `runs` times and prints the median and the mean duration of one run.
+// Runs `body` `runs` times, prints the median and the mean duration of one run, and returns the
+// median (microseconds).
 template <typename Body>
-void report(const char* what, int runs, Body body) {
+double report(const char* what, int runs, Body body) {
     std::vector<double> us;
     us.reserve(static_cast<std::size_t>(runs));
     for (int i = 0; i < runs; ++i) {
@@ -24,6 +25,7 @@ void report(const char* what, int runs, Body body) {
     std::sort(us.begin(), us.end());
     std::printf("%-58s median %10.1f us   mean %10.1f us   (%d runs)\n", what, us[us.size() / 2],
                 sum / static_cast<double>(runs), runs);
+    return us[us.size() / 2];
 }
 
 }  // namespace bench

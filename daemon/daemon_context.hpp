@@ -11,6 +11,7 @@
 #include <string>
 
 #include "daemon/package_registry.hpp"
+#include "daemon/package_x_waits.hpp"
 #include "pkgd/identity.hpp"
 #include "pkgd/record_files.hpp"
 #include "pkgd/records.hpp"
@@ -40,6 +41,9 @@ struct daemon_context {
 
     // ---- The operation queue and the worker state belong here (not built yet): the queued
     // ---- operations, the running worker and its process, handed to the handlers like the rest.
+    // The IsLatestVersion calls waiting for their query child, and the query the children run.
+    // Last, so that pending calls are answered and unhooked while the connection still exists.
+    package_waits waits;
 };
 
 // A handler of one of the daemon's objects, given the context it works on.

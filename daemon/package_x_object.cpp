@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "daemon/package_table.hpp"
+#include "daemon/package_x_waits.hpp"
 #include "daemon/reply_envelope.hpp"
 #include "pkgd/run_state.hpp"
 
@@ -76,15 +77,6 @@ int package_x_delete(daemon_context& d, ubus::Request& req) {
     return not_supported(d, req);
 }
 int package_x_update(daemon_context& d, ubus::Request& req) {
-    return not_supported(d, req);
-}
-int package_x_start(daemon_context& d, ubus::Request& req) {
-    return not_supported(d, req);
-}
-int package_x_stop(daemon_context& d, ubus::Request& req) {
-    return not_supported(d, req);
-}
-int package_x_islatestversion(daemon_context& d, ubus::Request& req) {
     return not_supported(d, req);
 }
 

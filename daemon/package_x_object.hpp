@@ -18,14 +18,12 @@ ubus::AddResult add_package_x_object(daemon_context& d, std::string_view name);
 // The handlers; each finds its package by the name of the object called. "Get" answers the
 // package table as "List" shows it, or an empty body when the package has gone meanwhile
 // (removed by an event while the caller held on to the object's id). The others are not built
-// yet and answer the bus status "not supported" without a reply.
+// yet and answer the bus status "not supported" without a reply. Start, Stop and
+// IsLatestVersion are in package_x_waits.hpp.
 int package_x_get(daemon_context& d, ubus::Request& req);
 int package_x_set(daemon_context& d, ubus::Request& req);
 int package_x_delete(daemon_context& d, ubus::Request& req);
 int package_x_update(daemon_context& d, ubus::Request& req);
-int package_x_start(daemon_context& d, ubus::Request& req);
-int package_x_stop(daemon_context& d, ubus::Request& req);
-int package_x_islatestversion(daemon_context& d, ubus::Request& req);
 
 // The "Source" of an Update or IsLatestVersion request.
 source_args read_update_args(ubus::Bytes args);

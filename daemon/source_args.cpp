@@ -1,5 +1,7 @@
 #include "daemon/source_args.hpp"
 
+#include <cctype>
+
 namespace pkgd {
 namespace {
 
@@ -24,6 +26,19 @@ source_args read_source(ubus::Attr source) {
         args.password = text_of(cred[CREDENTIAL_PASSWORD]);
     }
     return args;
+}
+
+std::string source_url(const source_args& source) {
+    std::string url(source.protocol.value_or("").substr(0, 63));
+    for (char& c : url) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    url += "://";
+    url += source.address.value_or("").substr(0, 1023);
+    if (source.port && *source.port != 0) url += ":" + std::to_string(*source.port);
+    if (source.resource) {
+        if (!source.resource->starts_with('/')) url += '/';
+        url += source.resource->substr(0, 1023);
+    }
+    return url.substr(0, 1023);
 }
 
 }  // namespace pkgd

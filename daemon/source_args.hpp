@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "ubus/blob.hpp"
@@ -35,5 +36,11 @@ struct source_args {
 
 // Reads a "Source" table; everything absent when `source` is (no table given).
 source_args read_source(ubus::Attr source);
+
+// The URL a source names, "protocol://address[:port]/resource": the protocol (at most 63
+// characters) in lower case, the address (at most 1023), ":port" when a port other than 0 is
+// given, and the resource with a leading '/' added when it lacks one (nothing when absent). The
+// whole is cut to 1023 characters, as a record's URL is.
+std::string source_url(const source_args& source);
 
 }  // namespace pkgd
