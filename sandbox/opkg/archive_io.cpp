@@ -4,6 +4,7 @@
 #include <archive_entry.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace opkg {
@@ -19,8 +20,14 @@ std::string archive_error(archive* a) {
     return text ? text : "unreadable archive";
 }
 
+// Room reserved ahead for a member, at most: the size a header declares is the archive's word, and
+// a hostile one would have us reserve gigabytes.
+constexpr la_int64_t kReserveMax = la_int64_t{64} << 20;
+
 // Appends the current entry's data to `out`.
-bool read_data(archive* a, std::string& out, std::string& error) {
+bool read_data(archive* a, archive_entry* entry, std::string& out, std::string& error) {
+    if (archive_entry_size_is_set(entry) && archive_entry_size(entry) > 0)
+        out.reserve(out.size() + static_cast<std::size_t>(std::min(archive_entry_size(entry), kReserveMax)));
     char buffer[65536];
     for (;;) {
         const la_ssize_t n = archive_read_data(a, buffer, sizeof buffer);
@@ -86,7 +93,7 @@ std::optional<std::vector<ArchiveMember>> read_archive(std::string_view bytes, s
         // their members' contents are read all the same.
         const bool has_data = member.kind == ArchiveMember::Kind::file ||
                               (member.kind == ArchiveMember::Kind::other && !member.hardlink);
-        if (has_data && !read_data(a.get(), member.data, error)) return std::nullopt;
+        if (has_data && !read_data(a.get(), entry, member.data, error)) return std::nullopt;
         members.push_back(std::move(member));
     }
     return members;
@@ -117,7 +124,7 @@ std::optional<std::string> gunzip(std::string_view bytes, std::string& error) {
     }
     std::string out;
     if (status == ARCHIVE_EOF) return out;  // an empty feed
-    if (!read_data(a.get(), out, error)) return std::nullopt;
+    if (!read_data(a.get(), entry, out, error)) return std::nullopt;
     return out;
 }
 

@@ -33,7 +33,11 @@ std::optional<std::string> read_file(const std::string& path, std::string* error
         if (error) *error = path + ": " + errno_text();
         return std::nullopt;
     }
+    // Sized up front: a package is megabytes, and growing the string by doubling copies and
+    // faults in its pages several times over.
     std::string out;
+    struct stat st {};
+    if (::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode)) out.reserve(static_cast<std::size_t>(st.st_size));
     char buffer[65536];
     for (;;) {
         const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
