@@ -4,7 +4,7 @@
 
 namespace opkg {
 
-std::optional<PackageFile> read_package(const std::string& bytes, std::string& error) {
+std::optional<PackageFile> read_package(std::string_view bytes, std::string& error) {
     std::optional<std::vector<ArchiveMember>> outer = read_archive(bytes, error);
     if (!outer) return std::nullopt;
     const ArchiveMember* control_archive = find_member(*outer, "control.tar.gz");
