@@ -98,15 +98,12 @@ std::string CallOutcome::text(std::string_view key) const {
     return find_text(ubus::AttrList(buf.members()), key);
 }
 
-CallOutcome call_and_show(ubus::Connection& bus, const std::string& object, std::string_view method,
-                          const std::string& args, const std::string& shown_args) {
-    std::printf("\n$ ubus call %s %.*s%s%s%s\n", object.c_str(), static_cast<int>(method.size()), method.data(),
-                shown_args.empty() ? "" : " '", shown_args.c_str(), shown_args.empty() ? "" : "'");
-    std::fflush(stdout);
+CallOutcome call_quietly(ubus::Connection& bus, const std::string& object, std::string_view method,
+                         const std::string& args) {
     CallOutcome out;
     ubus::BlobBuf buf;
     if (!args.empty() && !ubus::json_load(buf, args)) {
-        std::printf("  (the demonstration's arguments are not JSON)\n");
+        out.status = ubus::kInvalidArgument;
         return out;
     }
     std::uint32_t id = 0;
@@ -115,6 +112,15 @@ CallOutcome call_and_show(ubus::Connection& bus, const std::string& object, std:
         out.status = bus.invoke(
             id, method, buf.members(), [&](ubus::Bytes members) { out.reply = compact_json(members); },
             kCallTimeoutMs);
+    return out;
+}
+
+CallOutcome call_and_show(ubus::Connection& bus, const std::string& object, std::string_view method,
+                          const std::string& args, const std::string& shown_args) {
+    std::printf("\n$ ubus call %s %.*s%s%s%s\n", object.c_str(), static_cast<int>(method.size()), method.data(),
+                shown_args.empty() ? "" : " '", shown_args.c_str(), shown_args.empty() ? "" : "'");
+    std::fflush(stdout);
+    const CallOutcome out = call_quietly(bus, object, method, args);
     if (!out.reply.empty()) std::printf("%s\n", out.reply.c_str());
     std::printf("  -> status %d (%s)\n", out.status, ubus::status_text(out.status).c_str());
     std::fflush(stdout);

@@ -61,7 +61,11 @@ struct CallOutcome {
     std::string text(std::string_view key) const;
 };
 
-// Calls `method` on `object` with the JSON arguments `args`, after printing the command a user
+// Calls `method` on `object` with the JSON arguments `args` ("" for none), printing nothing.
+CallOutcome call_quietly(ubus::Connection& bus, const std::string& object, std::string_view method,
+                         const std::string& args);
+
+// The same after printing the command a user
 // would type, with `shown_args` in place of `args` (the same less the password); prints the status
 // and the reply.
 CallOutcome call_and_show(ubus::Connection& bus, const std::string& object, std::string_view method,

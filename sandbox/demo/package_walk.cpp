@@ -128,15 +128,15 @@ void Walk::await(std::string_view performed, std::int32_t request_id) {
     std::printf("  operation %.*s done\n", static_cast<int>(performed.size()), performed.data());
 }
 
-// Shows the package's Get until its status reads `wanted` (bounded), for statuses that follow a
-// step a moment later.
+// Shows the package's Get once its status reads `wanted` (or the time limit passed), for
+// statuses that follow a step a moment later; the calls before it are not shown.
 void Walk::show_status(std::string_view wanted) {
     const auto deadline = std::chrono::steady_clock::now() + kStatusTimeout;
-    CallOutcome got = call_and_show(bus_, package_object(), "Get", "", "");
-    while (got.ok() && got.text("Status") != wanted && std::chrono::steady_clock::now() < deadline) {
+    for (CallOutcome got = call_quietly(bus_, package_object(), "Get", "");
+         got.ok() && got.text("Status") != wanted && std::chrono::steady_clock::now() < deadline;
+         got = call_quietly(bus_, package_object(), "Get", ""))
         events_.pump(500ms);
-        got = call_and_show(bus_, package_object(), "Get", "", "");
-    }
+    const CallOutcome got = call_and_show(bus_, package_object(), "Get", "", "");
     const std::string status = got.text("Status");
     if (status == wanted)
         std::printf("  Status is \"%s\"\n", status.c_str());
