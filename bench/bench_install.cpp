@@ -70,12 +70,22 @@ std::string incompressible(std::size_t size) {
     return out;
 }
 
-fs::path make_feed_dir() {
-    std::string pattern = std::string(BENCH_SCRATCH_DIR) + "/install-feed-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) return {};
-    ::chmod(pattern.c_str(), 0755);  // the servers read it as their own user
-    return pattern;
-}
+// The feed's directory, removed with the benchmark whichever way it ends.
+struct FeedDir {
+    fs::path path;
+    FeedDir() {
+        std::string pattern = std::string(BENCH_SCRATCH_DIR) + "/install-feed-XXXXXX";
+        if (::mkdtemp(pattern.data()) == nullptr) return;
+        ::chmod(pattern.c_str(), 0755);  // the servers read it as their own user
+        path = pattern;
+    }
+    ~FeedDir() {
+        std::error_code ignored;
+        if (!path.empty()) fs::remove_all(path, ignored);
+    }
+    FeedDir(const FeedDir&) = delete;
+    FeedDir& operator=(const FeedDir&) = delete;
+};
 
 // Publishes the package in a signed index; its file name in the feed.
 std::string publish(const sandbox::Gateway& gw, const fs::path& feed_dir) {
@@ -246,8 +256,9 @@ std::optional<double> floor_once(const sandbox::Gateway& gw, const std::string& 
 }  // namespace
 
 int main() {
-    const fs::path feed_dir = make_feed_dir();
-    if (feed_dir.empty()) return 1;
+    const FeedDir feed;
+    if (feed.path.empty()) return 1;
+    const fs::path& feed_dir = feed.path;
     sandbox::GatewayOptions options;
     options.name = "bench-install";
     options.simulator = true;
@@ -275,7 +286,5 @@ int main() {
     std::printf("%-58s median %10.1f ms   (%d runs)\n", "floor: fetch, SHA-256 of both archives, one unpack", floor,
                 kRuns);
     std::printf("%-58s %.2f (goal at most %.1f)\n", "ratio install / floor", install / floor, kGoal);
-    std::error_code ec;
-    fs::remove_all(feed_dir, ec);
     return 0;
 }
