@@ -71,9 +71,10 @@ std::optional<std::vector<ArchiveMember>> read_members(archive* a, std::string& 
 
 // The archive held by the outer archive's current member.
 std::optional<std::vector<ArchiveMember>> read_nested(archive* outer, std::string& error) {
-    ReadArchive a(new_reader());
+    // The source outlives the reader that pulls from it.
     auto source = std::make_unique<NestedSource>();
     source->outer = outer;
+    ReadArchive a(new_reader());
     if (!a) {
         error = "out of memory";
         return std::nullopt;
