@@ -1,7 +1,8 @@
 // Package verification: the package is unpacked in-process into the working directory (only the
-// five expected members, as plain files, within size bounds), then its checksum list must carry a
-// valid signature chaining to the device's trust anchor, the two inner archives must have the
-// listed SHA-256 digests, and the control file must name the package the feed described.
+// expected members, as plain files, within size bounds; the data archive is digested on the way
+// instead of written), then its checksum list must carry a valid signature chaining to the
+// device's trust anchor, the two inner archives must have the listed SHA-256 digests, and the
+// control file must name the package the feed described.
 #include <archive.h>
 #include <archive_entry.h>
 #include <dirent.h>
@@ -105,29 +106,76 @@ archive_ptr open_gzip_tar(const std::string& path) {
 
 enum class Unpack { done, bomb };
 
-// Writes the expected members of the package into the working directory. A damaged archive ends
-// the unpacking quietly (the checks then fail on what is missing), as an unpacking tool would;
-// more bytes than `limit` make it a bomb.
-Unpack unpack_members(const std::string& package_path, int dir_fd, std::uint64_t limit) {
+constexpr std::string_view kDataArchive = "data.tar.gz";
+constexpr std::string_view kControlArchive = "control.tar.gz";
+
+// The SHA-256 of the two inner archives, taken while they stream past: the data archive, the
+// bulk of a package, is digested and never written, so it is neither written out nor read back.
+struct StreamDigests {
+    std::optional<std::string> data;
+    std::optional<std::string> control;
+};
+
+// The lowercase hex text of a finished digest; nothing when it cannot be finished.
+std::optional<std::string> finish_hex(EVP_MD_CTX* md) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int len = 0;
+    if (EVP_DigestFinal_ex(md, digest, &len) != 1) return std::nullopt;
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned int i = 0; i < len; ++i) {
+        hex += kHex[digest[i] >> 4];
+        hex += kHex[digest[i] & 15];
+    }
+    return hex;
+}
+
+// Copies the current member to `out` (when it is open) and into `md` (when given); false when
+// the archive or the write fails, with `bomb` set once more than `limit` bytes came out in all.
+bool stream_member(archive* a, int out, EVP_MD_CTX* md, std::vector<char>& buffer, std::uint64_t& total,
+                   std::uint64_t limit, bool& bomb) {
+    for (;;) {
+        const la_ssize_t n = archive_read_data(a, buffer.data(), buffer.size());
+        if (n < 0) return false;
+        if (n == 0) return true;
+        total += static_cast<std::uint64_t>(n);
+        if (total > limit) {
+            bomb = true;
+            return false;
+        }
+        if (out >= 0 && ::write(out, buffer.data(), static_cast<std::size_t>(n)) != n) return false;
+        if (md && EVP_DigestUpdate(md, buffer.data(), static_cast<std::size_t>(n)) != 1) return false;
+    }
+}
+
+// Writes the expected members of the package into the working directory, except the data archive,
+// which is only digested (as is the control archive). A damaged archive ends the unpacking quietly
+// (the checks then fail on what is missing), as an unpacking tool would; more bytes than `limit`
+// make it a bomb. A member named twice counts as its last copy, as a file written over would.
+Unpack unpack_members(const std::string& package_path, int dir_fd, std::uint64_t limit, StreamDigests& digests) {
     const archive_ptr a = open_gzip_tar(package_path);
     if (!a) return Unpack::done;
     std::uint64_t total = 0;
+    bool bomb = false;
     std::vector<char> buffer(64 * 1024);
     archive_entry* entry = nullptr;
     while (archive_read_next_header(a.get(), &entry) == ARCHIVE_OK) {
         const std::string_view name = wanted_member(entry, kMembers);
         if (name.empty()) continue;  // skipped unread: links, devices, "..", absolute paths, strangers
-        const ubus::UniqueFd out(::openat(dir_fd, std::string(name).c_str(),
+        std::optional<std::string>* digest =
+            name == kDataArchive ? &digests.data : name == kControlArchive ? &digests.control : nullptr;
+        if (digest) digest->reset();
+        ubus::UniqueFd out;
+        if (name != kDataArchive) {
+            out = ubus::UniqueFd(::openat(dir_fd, std::string(name).c_str(),
                                           O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-        if (!out) return Unpack::done;
-        for (;;) {
-            const la_ssize_t n = archive_read_data(a.get(), buffer.data(), buffer.size());
-            if (n < 0) return Unpack::done;
-            if (n == 0) break;
-            total += static_cast<std::uint64_t>(n);
-            if (total > limit) return Unpack::bomb;
-            if (::write(out.get(), buffer.data(), static_cast<std::size_t>(n)) != n) return Unpack::done;
+            if (!out) return Unpack::done;
         }
+        const md_ctx_ptr md(digest ? EVP_MD_CTX_new() : nullptr);
+        if (digest && (!md || EVP_DigestInit_ex(md.get(), EVP_sha256(), nullptr) != 1)) return Unpack::done;
+        if (!stream_member(a.get(), out ? out.get() : -1, md.get(), buffer, total, limit, bomb))
+            return bomb ? Unpack::bomb : Unpack::done;
+        if (digest) *digest = finish_hex(md.get());
     }
     return Unpack::done;
 }
@@ -157,38 +205,12 @@ bool signature_valid(const engine_context& ctx) {
     return PKCS7_verify(p7.get(), nullptr, store.get(), content.get(), nullptr, PKCS7_BINARY) == 1;
 }
 
-// The lowercase hex SHA-256 of the file; nothing when it cannot be read.
-std::optional<std::string> file_sha256(const std::string& path) {
-    const ubus::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    const md_ctx_ptr md(EVP_MD_CTX_new());
-    if (!fd || !md || EVP_DigestInit_ex(md.get(), EVP_sha256(), nullptr) != 1) return std::nullopt;
-    std::vector<unsigned char> buffer(64 * 1024);
-    for (;;) {
-        const ssize_t n = ::read(fd.get(), buffer.data(), buffer.size());
-        if (n < 0) return std::nullopt;
-        if (n == 0) break;
-        if (EVP_DigestUpdate(md.get(), buffer.data(), static_cast<std::size_t>(n)) != 1) return std::nullopt;
-    }
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int len = 0;
-    if (EVP_DigestFinal_ex(md.get(), digest, &len) != 1) return std::nullopt;
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned int i = 0; i < len; ++i) {
-        hex += kHex[digest[i] >> 4];
-        hex += kHex[digest[i] & 15];
-    }
-    return hex;
-}
-
-bool digests_match(const engine_context& ctx) {
+bool digests_match(const engine_context& ctx, const StreamDigests& digests) {
     const std::optional<std::string> list =
         read_text_file(member_path(ctx.paths.work_dir, "checksum.sha256"));
-    const std::optional<std::string> data = file_sha256(member_path(ctx.paths.work_dir, "data.tar.gz"));
-    const std::optional<std::string> control = file_sha256(member_path(ctx.paths.work_dir, "control.tar.gz"));
-    if (!list || !data || !control) return false;
+    if (!list || !digests.data || !digests.control) return false;
     const auto listed = read_checksum_digests(*list);
-    return listed[0] == *data && listed[1] == *control;
+    return listed[0] == *digests.data && listed[1] == *digests.control;
 }
 
 // The control check's result: 2 (an unpacking tool's "fatal error") when the control archive
@@ -259,13 +281,14 @@ int verify_package(engine_context& ctx, const std::string& package_path, const o
     struct stat st {};
     const std::uint64_t package_size =
         ::stat(package_path.c_str(), &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
-    if (unpack_members(package_path, dir.get(), outer_extract_limit(package_size)) == Unpack::bomb ||
+    StreamDigests digests;
+    if (unpack_members(package_path, dir.get(), outer_extract_limit(package_size), digests) == Unpack::bomb ||
         !signature_valid(ctx)) {
         clean_up(dir.get(), kCleanupA);
         return -1;
     }
     int result = -1;
-    if (digests_match(ctx)) result = control_matches(ctx, op.pkg->du.name.value_or(""));
+    if (digests_match(ctx, digests)) result = control_matches(ctx, op.pkg->du.name.value_or(""));
     clean_up(dir.get(), kCleanupB);
     return result;
 }

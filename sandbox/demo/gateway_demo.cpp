@@ -1,7 +1,8 @@
-// gateway-demo (`./dev run`): brings a sandbox gateway up with the broker, the gateway simulator and
-// pkgd, shows pkgd's execution environment through the bus CLI, prints how to reach pkgd from
-// another terminal, and stays up until Ctrl-C; then everything is stopped and the root removed
-// (kept when PKGD_SANDBOX_KEEP is set).
+// gateway-demo (`./dev run`): brings a sandbox gateway up with the broker, the gateway simulator,
+// pkgd and a signed feed served on loopback, shows pkgd's execution environment through the bus
+// CLI, walks a package through its life (see package_walk.hpp), prints how to reach pkgd and the
+// feed from another terminal, and stays up until Ctrl-C; then everything is stopped and the root
+// removed (kept when PKGD_SANDBOX_KEEP is set).
 #include <signal.h>
 
 #include <chrono>
@@ -11,6 +12,8 @@
 #include <thread>
 
 #include "default_tools.hpp"
+#include "demo_feed.hpp"
+#include "package_walk.hpp"
 #include "sandbox/gateway.hpp"
 #include "sandbox/root_paths.hpp"
 #include "ubus/client.hpp"
@@ -25,6 +28,10 @@ constexpr std::string_view kEnvironments = "Services.Management.LCM.ExecutionEnv
 constexpr std::string_view kEnvironmentName = "System";
 constexpr auto kStartUp = 30s;       // pkgd may wait out a catalog time-out at start-up
 constexpr auto kLauncherStop = 15s;  // pkgd, simulator and broker, 3 s grace each
+// The feed's login. A throwaway of this gateway's; it is shown once, at the end, so that the user
+// can try the commands, and hidden in the commands the walk prints.
+constexpr const char* kFeedUser = "demo";
+constexpr const char* kFeedPassword = "demo-feed-pass";
 
 #ifdef PKGD_DEMO_CLI
 constexpr const char* kCli = PKGD_DEMO_CLI;
@@ -84,6 +91,13 @@ void show_get(ubus::Connection& bus, const sandbox::Gateway& gw, const std::stri
     std::printf("%s\n", status == ubus::kOk ? json.c_str() : ("status " + std::to_string(status)).c_str());
 }
 
+void print_feed(const sandbox::Gateway& gw, const demo::PublishedFeed& published) {
+    std::printf("\nThe feed (user \"%s\", password \"%s\"):\n", kFeedUser, kFeedPassword);
+    for (const char* scheme : {"http", "https", "ftp"}) std::printf("  %s/\n", gw.feed_url(scheme).c_str());
+    if (published.error.empty())
+        std::printf("  packages: %s (1.0), %s (1.1)\n", published.first_file.c_str(), published.newer_file.c_str());
+}
+
 void print_instructions(const sandbox::Gateway& gw, const std::optional<std::string>& environment) {
     const std::string ubus =
         std::string(kCli != nullptr ? kCli : "ubus") + " -s " + gw.socket_path().string();
@@ -97,7 +111,7 @@ void print_instructions(const sandbox::Gateway& gw, const std::optional<std::str
         "  %s call %s Get\n"
         "  %s call %s.Packages List\n"
         "  %s call SoftwareModules.Package.%s Install '{\"RequestID\":1,\"OperateID\":1,\"OperateMID\":1,"
-        "\"URL\":\"http://<feed>/<package>.ipk\"}'\n"
+        "\"URL\":\"%s/<package>.ipk\",\"Username\":\"%s\",\"Password\":\"...\"}'\n"
         "  %s listen Services.Management.LCM\n"
         "What the simulated peers were asked:\n"
         "  %s call Sandbox.GatewaySim state\n"
@@ -105,8 +119,38 @@ void print_instructions(const sandbox::Gateway& gw, const std::optional<std::str
         "  %s exec %s -- /bin/sh\n"
         "\nCtrl-C stops the gateway.\n",
         gw.root().c_str(), ubus.c_str(), ubus.c_str(), ee.c_str(), ubus.c_str(), ee.c_str(), ubus.c_str(),
-        id.c_str(), ubus.c_str(), ubus.c_str(), PKGD_SANDBOX_LAUNCHER, gw.root().c_str());
+        id.c_str(), gw.feed_url("http").c_str(), kFeedUser, ubus.c_str(), ubus.c_str(), PKGD_SANDBOX_LAUNCHER,
+        gw.root().c_str());
     std::fflush(stdout);
+}
+
+sigset_t g_stop_signals;
+
+// Ctrl-C during the walk: the signal waits, blocked, for the end of the current step.
+bool stop_requested() {
+    sigset_t pending;
+    sigpending(&pending);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        if (sigismember(&pending, sig) == 1) return true;
+    return false;
+}
+
+// The walk, once pkgd is up and the feed holds the demonstration's package.
+void walk(const sandbox::Gateway& gw, const std::string& environment, const demo::PublishedFeed& published) {
+    if (!published.error.empty()) {
+        std::printf("\nNo feed for the walk: %s\n", published.error.c_str());
+        return;
+    }
+    demo::WalkSetup setup;
+    setup.socket = gw.socket_path().string();
+    setup.environment = environment;
+    setup.environment_id = environment.substr(kEnvironments.size());
+    setup.feed_http = gw.feed_url("http");
+    setup.user = kFeedUser;
+    setup.password = kFeedPassword;
+    setup.first_file = published.first_file;
+    setup.newer_file = published.newer_file;
+    demo::walk_package_life(setup, stop_requested);
 }
 
 }  // namespace
@@ -114,17 +158,26 @@ void print_instructions(const sandbox::Gateway& gw, const std::optional<std::str
 int main() {
     // Blocked before anything is started, so that Ctrl-C during start-up still tears down in order;
     // the programs started inside get their own signal mask.
-    sigset_t stop_signals;
+    sigset_t& stop_signals = g_stop_signals;
     sigemptyset(&stop_signals);
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stop_signals, sig);
     sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
+
+    const demo::FeedDir feed_dir;
+    if (!feed_dir.made()) {
+        std::fprintf(stderr, "gateway-demo: cannot make a directory for the feed\n");
+        return 1;
+    }
 
     sandbox::GatewayOptions options;
     options.name = "demo";
     options.simulator = true;
     options.pkgd = !sandbox::project_pkgd().empty();
     options.pkgd_env = {"EXECENV_INDEX=" + std::string(kEnvironmentName)};
-    std::printf("Bringing the sandbox gateway up (broker, gateway simulator%s) ...\n",
+    options.feed_dir = feed_dir.path();
+    options.feed_user = kFeedUser;
+    options.feed_password = kFeedPassword;
+    std::printf("Bringing the sandbox gateway up (broker, gateway simulator, feed servers%s) ...\n",
                 options.pkgd ? ", pkgd" : "; pkgd is not built");
     std::fflush(stdout);
     sandbox::Gateway gw(options);
@@ -132,6 +185,7 @@ int main() {
         std::fprintf(stderr, "gateway-demo: %s\n", gw.error().c_str());
         return 1;
     }
+    const demo::PublishedFeed published = demo::publish_demo_feed(feed_dir.path(), gw.feed_pki_dir());
 
     ubus::Connection bus;
     if (bus.connect(gw.socket_path().string()) != ubus::kOk) {
@@ -150,6 +204,8 @@ int main() {
         }
     }
     bus.close();
+    if (environment) walk(gw, *environment, published);
+    print_feed(gw, published);
     print_instructions(gw, environment);
 
     siginfo_t info{};

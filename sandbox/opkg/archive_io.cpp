@@ -4,7 +4,9 @@
 #include <archive_entry.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <memory>
+#include <span>
 
 namespace opkg {
 namespace {
@@ -19,8 +21,14 @@ std::string archive_error(archive* a) {
     return text ? text : "unreadable archive";
 }
 
+// Room reserved ahead for a member, at most: the size a header declares is the archive's word, and
+// a hostile one would have us reserve gigabytes.
+constexpr la_int64_t kReserveMax = la_int64_t{64} << 20;
+
 // Appends the current entry's data to `out`.
-bool read_data(archive* a, std::string& out, std::string& error) {
+bool read_data(archive* a, archive_entry* entry, std::string& out, std::string& error) {
+    if (archive_entry_size_is_set(entry) && archive_entry_size(entry) > 0)
+        out.reserve(out.size() + static_cast<std::size_t>(std::min(archive_entry_size(entry), kReserveMax)));
     char buffer[65536];
     for (;;) {
         const la_ssize_t n = archive_read_data(a, buffer, sizeof buffer);
@@ -33,30 +41,67 @@ bool read_data(archive* a, std::string& out, std::string& error) {
     }
 }
 
-}  // namespace
-
-std::optional<std::vector<ArchiveMember>> read_archive(std::string_view bytes, std::string& error) {
+ReadArchive new_reader() {
     ReadArchive a(archive_read_new());
-    if (!a) {
-        error = "out of memory";
-        return std::nullopt;
-    }
+    if (!a) return a;
     archive_read_support_filter_gzip(a.get());
     archive_read_support_filter_none(a.get());
     archive_read_support_format_tar(a.get());
     archive_read_support_format_gnutar(a.get());
     archive_read_support_format_ar(a.get());
-    if (archive_read_open_memory(a.get(), bytes.data(), bytes.size()) != ARCHIVE_OK) {
+    return a;
+}
+
+// An archive inside another, read straight from the outer archive's current member: a package's
+// data archive is not copied out of the package first.
+struct NestedSource {
+    archive* outer;
+    char buffer[65536];
+};
+
+la_ssize_t read_from_outer(archive*, void* client, const void** block) {
+    auto* source = static_cast<NestedSource*>(client);
+    *block = source->buffer;
+    return archive_read_data(source->outer, source->buffer, sizeof source->buffer);
+}
+
+std::optional<std::vector<ArchiveMember>> read_members(archive* a, std::string& error,
+                                                       std::span<const std::string_view> nested,
+                                                       NestedArchives* inner);
+
+// The archive held by the outer archive's current member.
+std::optional<std::vector<ArchiveMember>> read_nested(archive* outer, std::string& error) {
+    // The source outlives the reader that pulls from it.
+    auto source = std::make_unique<NestedSource>();
+    source->outer = outer;
+    ReadArchive a(new_reader());
+    if (!a) {
+        error = "out of memory";
+        return std::nullopt;
+    }
+    if (archive_read_open(a.get(), source.get(), nullptr, read_from_outer, nullptr) != ARCHIVE_OK) {
         error = archive_error(a.get());
         return std::nullopt;
     }
+    return read_members(a.get(), error, {}, nullptr);
+}
+
+bool is_nested(std::string_view name, std::span<const std::string_view> nested) {
+    for (std::string_view n : nested)
+        if (n == name) return true;
+    return false;
+}
+
+std::optional<std::vector<ArchiveMember>> read_members(archive* a, std::string& error,
+                                                       std::span<const std::string_view> nested,
+                                                       NestedArchives* inner) {
     std::vector<ArchiveMember> members;
     archive_entry* entry = nullptr;
     for (;;) {
-        const int status = archive_read_next_header(a.get(), &entry);
+        const int status = archive_read_next_header(a, &entry);
         if (status == ARCHIVE_EOF) break;
         if (status != ARCHIVE_OK && status != ARCHIVE_WARN) {
-            error = archive_error(a.get());
+            error = archive_error(a);
             return std::nullopt;
         }
         ArchiveMember member;
@@ -86,10 +131,40 @@ std::optional<std::vector<ArchiveMember>> read_archive(std::string_view bytes, s
         // their members' contents are read all the same.
         const bool has_data = member.kind == ArchiveMember::Kind::file ||
                               (member.kind == ArchiveMember::Kind::other && !member.hardlink);
-        if (has_data && !read_data(a.get(), member.data, error)) return std::nullopt;
+        std::string_view plain = member.name;
+        if (plain.substr(0, 2) == "./") plain.remove_prefix(2);
+        if (inner && is_nested(plain, nested) && !inner->count(std::string(plain))) {
+            // The first member of the name counts. One without data reads as an empty archive.
+            std::optional<std::vector<ArchiveMember>> held =
+                has_data ? read_nested(a, error) : read_archive({}, error);
+            if (!held) {
+                error = std::string(plain) + ": " + error;
+                return std::nullopt;
+            }
+            inner->emplace(plain, std::move(*held));
+        } else if (has_data && !read_data(a, entry, member.data, error)) {
+            return std::nullopt;
+        }
         members.push_back(std::move(member));
     }
     return members;
+}
+
+}  // namespace
+
+std::optional<std::vector<ArchiveMember>> read_archive(std::string_view bytes, std::string& error,
+                                                       std::span<const std::string_view> nested,
+                                                       NestedArchives* inner) {
+    ReadArchive a(new_reader());
+    if (!a) {
+        error = "out of memory";
+        return std::nullopt;
+    }
+    if (archive_read_open_memory(a.get(), bytes.data(), bytes.size()) != ARCHIVE_OK) {
+        error = archive_error(a.get());
+        return std::nullopt;
+    }
+    return read_members(a.get(), error, nested, inner);
 }
 
 std::optional<std::string> gunzip(std::string_view bytes, std::string& error) {
@@ -117,7 +192,7 @@ std::optional<std::string> gunzip(std::string_view bytes, std::string& error) {
     }
     std::string out;
     if (status == ARCHIVE_EOF) return out;  // an empty feed
-    if (!read_data(a.get(), out, error)) return std::nullopt;
+    if (!read_data(a.get(), entry, out, error)) return std::nullopt;
     return out;
 }
 

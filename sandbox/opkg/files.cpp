@@ -1,6 +1,7 @@
 #include "files.hpp"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,7 +34,11 @@ std::optional<std::string> read_file(const std::string& path, std::string* error
         if (error) *error = path + ": " + errno_text();
         return std::nullopt;
     }
+    // Sized up front: a package is megabytes, and growing the string by doubling copies and
+    // faults in its pages several times over.
     std::string out;
+    struct stat st {};
+    if (::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode)) out.reserve(static_cast<std::size_t>(st.st_size));
     char buffer[65536];
     for (;;) {
         const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
@@ -45,6 +50,31 @@ std::optional<std::string> read_file(const std::string& path, std::string* error
         }
         out.append(buffer, static_cast<std::size_t>(n));
     }
+}
+
+MappedFile::~MappedFile() {
+    if (data_ != nullptr) ::munmap(data_, size_);
+}
+
+std::optional<MappedFile> MappedFile::open(const std::string& path, std::string& error) {
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat st {};
+    if (!fd || ::fstat(fd.get(), &st) != 0) {
+        error = path + ": " + errno_text();
+        return std::nullopt;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        error = path + ": not a regular file";
+        return std::nullopt;
+    }
+    if (st.st_size == 0) return MappedFile();  // mmap refuses an empty length
+    const auto size = static_cast<std::size_t>(st.st_size);
+    void* data = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd.get(), 0);
+    if (data == MAP_FAILED) {
+        error = path + ": " + errno_text();
+        return std::nullopt;
+    }
+    return MappedFile(data, size);
 }
 
 bool write_all(int fd, std::string_view data) {

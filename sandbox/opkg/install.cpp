@@ -76,12 +76,12 @@ int run_install(const Context& context) {
     }
     const std::string& file = context.invocation.operands.front();
     std::string error;
-    const std::optional<std::string> bytes = read_file(file, &error);
-    if (!bytes) {
+    const std::optional<MappedFile> mapped = MappedFile::open(file, error);
+    if (!mapped) {
         report("cannot read the package: " + error);
         return exit_failed;
     }
-    std::optional<PackageFile> package = read_package(*bytes, error);
+    std::optional<PackageFile> package = read_package(mapped->bytes(), error);
     if (!package) {
         report(file + ": " + error);
         return exit_failed;

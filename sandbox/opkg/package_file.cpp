@@ -4,26 +4,18 @@
 
 namespace opkg {
 
-std::optional<PackageFile> read_package(const std::string& bytes, std::string& error) {
-    std::optional<std::vector<ArchiveMember>> outer = read_archive(bytes, error);
-    if (!outer) return std::nullopt;
-    const ArchiveMember* control_archive = find_member(*outer, "control.tar.gz");
-    const ArchiveMember* data_archive = find_member(*outer, "data.tar.gz");
-    if (!control_archive || !data_archive) {
+std::optional<PackageFile> read_package(std::string_view bytes, std::string& error) {
+    static constexpr std::string_view kInner[] = {"control.tar.gz", "data.tar.gz"};
+    NestedArchives inner;
+    if (!read_archive(bytes, error, kInner, &inner)) return std::nullopt;
+    const auto control_archive = inner.find(kInner[0]);
+    const auto data_archive = inner.find(kInner[1]);
+    if (control_archive == inner.end() || data_archive == inner.end()) {
         error = "not a package: control.tar.gz or data.tar.gz missing";
         return std::nullopt;
     }
-    std::optional<std::vector<ArchiveMember>> control_members = read_archive(control_archive->data, error);
-    if (!control_members) {
-        error = "control.tar.gz: " + error;
-        return std::nullopt;
-    }
-    std::optional<std::vector<ArchiveMember>> data = read_archive(data_archive->data, error);
-    if (!data) {
-        error = "data.tar.gz: " + error;
-        return std::nullopt;
-    }
-    const ArchiveMember* control = find_member(*control_members, "control");
+    const std::vector<ArchiveMember>& control_members = control_archive->second;
+    const ArchiveMember* control = find_member(control_members, "control");
     if (!control || control->kind != ArchiveMember::Kind::file) {
         error = "control.tar.gz holds no control file";
         return std::nullopt;
@@ -39,10 +31,10 @@ std::optional<PackageFile> read_package(const std::string& bytes, std::string& e
     }
     for (std::string_view suffix : info_suffixes) {
         if (suffix == "control" || suffix == "list" || suffix == "dirs") continue;
-        const ArchiveMember* member = find_member(*control_members, suffix);
+        const ArchiveMember* member = find_member(control_members, suffix);
         if (member && member->kind == ArchiveMember::Kind::file) package.extras.emplace(suffix, member->data);
     }
-    package.data = std::move(*data);
+    package.data = std::move(data_archive->second);
     return package;
 }
 

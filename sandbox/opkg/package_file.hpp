@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "archive_io.hpp"
@@ -23,6 +24,6 @@ struct PackageFile {
     std::vector<ArchiveMember> data;  // the members of data.tar.gz
 };
 
-std::optional<PackageFile> read_package(const std::string& bytes, std::string& error);
+std::optional<PackageFile> read_package(std::string_view bytes, std::string& error);
 
 }  // namespace opkg
