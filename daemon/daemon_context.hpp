@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "daemon/operation_queue.hpp"
 #include "daemon/package_registry.hpp"
 #include "pkgd/identity.hpp"
 #include "pkgd/record_files.hpp"
@@ -38,8 +39,11 @@ struct daemon_context {
     ee_identity ee;
     SystemEnv& sys;
 
-    // ---- The operation queue and the worker state belong here (not built yet): the queued
-    // ---- operations, the running worker and its process, handed to the handlers like the rest.
+    // The accepted installs, updates and uninstalls, oldest first, and how their workers are
+    // started: forked from the loop at start-up, a stand-in in tests. Without workers (a context
+    // that serves only reads) every operation fails to start.
+    operation_queue queue;
+    std::unique_ptr<WorkerControl> workers;
 };
 
 // A handler of one of the daemon's objects, given the context it works on.

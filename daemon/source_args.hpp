@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "ubus/blob.hpp"
@@ -33,7 +34,19 @@ struct source_args {
     std::optional<std::int32_t> port;
 };
 
+// A string argument's text; absent when it is absent or of another type.
+std::optional<std::string_view> optional_text(ubus::Attr value);
+
 // Reads a "Source" table; everything absent when `source` is (no table given).
 source_args read_source(ubus::Attr source);
+
+}  // namespace pkgd
+
+namespace pkgd {
+
+// The URL a "Source" names: the protocol in lower case, "://", the address, ":<port>" when a port
+// other than 0 is given, and the resource with a "/" put in front when it has none. Absent parts
+// are empty. Checking which parts a method requires is the caller's business.
+std::string source_url(const source_args& source);
 
 }  // namespace pkgd
