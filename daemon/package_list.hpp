@@ -37,7 +37,6 @@ enum filter_field {
 };
 static_assert(FILTER_COUNT == std::size(package_list_filters_policy));
 
-
 // Fills `body` with "List" (one package table per selected package, in registry order), "Limit"
 // and "Offset" for the call arguments `args`, and returns HLAPI_OK; or returns
 // HLAPI_OPERATION_ILLEGAL, `body` untouched, when the page range is refused. Running processes

@@ -9,7 +9,6 @@
 #include "daemon/package_list.hpp"
 #include "daemon/package_registry.hpp"
 #include "daemon/source_args.hpp"
-
 #include "pkgd/records.hpp"
 
 namespace pkgd {
@@ -94,13 +93,15 @@ int opkg_update(daemon_context& d, ubus::Request& req) {
     if (!has_identifiers(tb)) return ubus::kInvalidArgument;
     const std::string_view uuid = optional_text(tb[OPERATION_UUID]).value_or("");
     if (uuid.empty()) return ubus::kUnknownError;
-    const auto registered = std::find_if(d.s_pkgs.begin(), d.s_pkgs.end(),
-                                         [uuid](const registered_pkg& entry) { return entry.pkg->du.uuid == uuid; });
+    const auto registered =
+        std::find_if(d.s_pkgs.begin(), d.s_pkgs.end(),
+                     [uuid](const registered_pkg& entry) { return entry.pkg->du.uuid == uuid; });
     if (registered == d.s_pkgs.end()) return ubus::kUnknownError;
 
     auto copy = update_working_copy(*registered->pkg);
     if (const auto url = optional_text(tb[OPERATION_URL]); url && !url->empty()) copy->url = *url;
-    if (const auto user = optional_text(tb[OPERATION_USERNAME]); user && !user->empty()) copy->username = *user;
+    if (const auto user = optional_text(tb[OPERATION_USERNAME]); user && !user->empty())
+        copy->username = *user;
     if (const auto password = optional_text(tb[OPERATION_PASSWORD]); password && !password->empty())
         copy->password = *password;
     if (const auto version = optional_text(tb[OPERATION_VERSION])) copy->version = *version;
@@ -117,7 +118,8 @@ int opkg_uninstall(daemon_context& d, ubus::Request& req) {
     const std::string_view version = optional_text(tb[OPERATION_VERSION]).value_or("");
     if (uuid.empty() && version.empty()) return ubus::kOk;
     const auto selected = std::find_if(d.s_pkgs.begin(), d.s_pkgs.end(), [&](const registered_pkg& entry) {
-        return (uuid.empty() || entry.pkg->du.uuid == uuid) && (version.empty() || entry.pkg->du.version == version);
+        return (uuid.empty() || entry.pkg->du.uuid == uuid) &&
+               (version.empty() || entry.pkg->du.version == version);
     });
     if (selected == d.s_pkgs.end()) return ubus::kOk;
     if (queue_operation(d, identified_operation(tb, OPERATION_REMOVE, selected->pkg)) != kQueueOk)
@@ -155,10 +157,11 @@ int opkg_list(daemon_context& d, ubus::Request& req) {
 
 int opkg_cancel(daemon_context& d, ubus::Request& req) {
     const auto tb = ubus::parse(cancel_policy, req.args());
-    if (!tb[CANCEL_REQUEST_ID] || !tb[CANCEL_OPERATE_ID] || !tb[CANCEL_OPERATE_MID]) return ubus::kInvalidArgument;
+    if (!tb[CANCEL_REQUEST_ID] || !tb[CANCEL_OPERATE_ID] || !tb[CANCEL_OPERATE_MID])
+        return ubus::kInvalidArgument;
     if (!d.workers) return ubus::kNotFound;
-    return pkgd::opkg_cancel(d.queue, *d.workers, tb[CANCEL_REQUEST_ID].as_i32(), tb[CANCEL_OPERATE_ID].as_i32(),
-                       tb[CANCEL_OPERATE_MID].as_i32());
+    return pkgd::opkg_cancel(d.queue, *d.workers, tb[CANCEL_REQUEST_ID].as_i32(),
+                             tb[CANCEL_OPERATE_ID].as_i32(), tb[CANCEL_OPERATE_MID].as_i32());
 }
 
 }  // namespace

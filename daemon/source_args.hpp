@@ -14,10 +14,17 @@
 namespace pkgd {
 
 inline constexpr ubus::Policy package_install_source_policy[] = {
-    {"Protocol", ubus::Type::String}, {"Address", ubus::Type::String}, {"Port", ubus::Type::Int32},
+    {"Protocol", ubus::Type::String}, {"Address", ubus::Type::String},    {"Port", ubus::Type::Int32},
     {"Resource", ubus::Type::String}, {"Credentials", ubus::Type::Table},
 };
-enum source_field { SOURCE_PROTOCOL, SOURCE_ADDRESS, SOURCE_PORT, SOURCE_RESOURCE, SOURCE_CREDENTIALS, SOURCE_COUNT };
+enum source_field {
+    SOURCE_PROTOCOL,
+    SOURCE_ADDRESS,
+    SOURCE_PORT,
+    SOURCE_RESOURCE,
+    SOURCE_CREDENTIALS,
+    SOURCE_COUNT
+};
 static_assert(SOURCE_COUNT == std::size(package_install_source_policy));
 
 inline constexpr ubus::Policy package_install_credential_policy[] = {
@@ -40,13 +47,10 @@ std::optional<std::string_view> optional_text(ubus::Attr value);
 // Reads a "Source" table; everything absent when `source` is (no table given).
 source_args read_source(ubus::Attr source);
 
-}  // namespace pkgd
-
-namespace pkgd {
-
 // The URL a "Source" names: the protocol in lower case, "://", the address, ":<port>" when a port
-// other than 0 is given, and the resource with a "/" put in front when it has none. Absent parts
-// are empty. Checking which parts a method requires is the caller's business.
+// other than 0 is given, and the resource with a "/" put in front when it has none (nothing when
+// it is absent; other absent parts are empty). Which parts a method requires is for the caller to
+// check.
 std::string source_url(const source_args& source);
 
 }  // namespace pkgd

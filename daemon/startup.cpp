@@ -8,8 +8,8 @@
 
 #include "daemon/daemon_context.hpp"
 #include "daemon/ee_object.hpp"
-#include "daemon/operation_queue.hpp"
 #include "daemon/event_intake.hpp"
+#include "daemon/operation_queue.hpp"
 #include "daemon/package_operation_object.hpp"
 #include "daemon/packages_object.hpp"
 #include "daemon/restore.hpp"
@@ -67,10 +67,17 @@ void run_worker(const operation_info& queued) {
     engine_context engine = engine_context::gateway();
     operation_info op = queued;
     switch (op.type) {
-    case OPERATION_INSTALL: package_opkg_install_operate(engine, op); break;
-    case OPERATION_UPDATE: package_opkg_update_operate(engine, op); break;
-    case OPERATION_REMOVE: package_opkg_remove_operate(engine, op); break;
-    default: break;
+        case OPERATION_INSTALL:
+            package_opkg_install_operate(engine, op);
+            break;
+        case OPERATION_UPDATE:
+            package_opkg_update_operate(engine, op);
+            break;
+        case OPERATION_REMOVE:
+            package_opkg_remove_operate(engine, op);
+            break;
+        default:
+            break;
     }
 }
 
@@ -83,8 +90,8 @@ int run_daemon(const start_options& options) {
     package_init_env();
     // The only place bound to the gateway: its record directory, the identity just learnt and
     // the machine itself.
-    daemon_context d(RecordFiles(std::string(kPackageDir), package_get_ee_name(), true), package_ee_identity(),
-                     real_system_env());
+    daemon_context d(RecordFiles(std::string(kPackageDir), package_get_ee_name(), true),
+                     package_ee_identity(), real_system_env());
     make_dir(FixedText<256>(std::string("/tmp/opkg-").append(d.ee.id.view())).c_str());
 
     d.object = packages_object_name(d.ee.id.view());
