@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "daemon/operation_queue.hpp"
 #include "daemon/package_registry.hpp"
 #include "daemon/package_x_waits.hpp"
 #include "pkgd/identity.hpp"
@@ -39,8 +40,12 @@ struct daemon_context {
     ee_identity ee;
     SystemEnv& sys;
 
-    // ---- The operation queue and the worker state belong here (not built yet): the queued
-    // ---- operations, the running worker and its process, handed to the handlers like the rest.
+    // The accepted installs, updates and uninstalls, oldest first, and how their workers are
+    // started: forked from the loop at start-up, a stand-in in tests. Without workers (a context
+    // that serves only reads) every operation fails to start.
+    operation_queue queue;
+    std::unique_ptr<WorkerControl> workers;
+
     // The IsLatestVersion calls waiting for their query child, and the query the children run.
     // Last, so that pending calls are answered and unhooked while the connection still exists.
     package_waits waits;

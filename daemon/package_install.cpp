@@ -1,6 +1,11 @@
 #include "daemon/package_install.hpp"
 
 #include <iterator>
+#include <string>
+
+#include "daemon/operation_request.hpp"
+#include "daemon/package_registry.hpp"
+#include "daemon/reply_envelope.hpp"
 
 namespace pkgd {
 namespace {
@@ -42,9 +47,30 @@ install_args read_install_args(ubus::Bytes args) {
     return request;
 }
 
-// Callers are told plainly rather than being given a package that never arrives.
-int package_install(daemon_context&, ubus::Request&) {
-    return ubus::kNotSupported;
+// The package is registered (status New) before its operation is queued; when no worker can be
+// started for it, it stays registered and the caller is told the request failed.
+int package_install(daemon_context& d, ubus::Request& req) {
+    const install_args request = read_install_args(req.args());
+    const source_args& source = request.source;
+    if (!source.protocol || !source.address || !source.resource)
+        return hlapi_send(req, HLAPI_ARGUMENT_REQUIRED_MISSING);
+
+    std::string id(request.id.value_or("").substr(0, 255));
+    if (id.empty()) id = std::to_string(free_id(d));
+    pkg_info fields;
+    fields.du.uuid = request.uuid.value_or("");
+    fields.url = source_url(source);
+    fields.username = source.username.value_or("");
+    fields.password = source.password.value_or("");
+    fields.disable_autostart = request.disable_autostart.value_or(0);
+    const std::shared_ptr<pkg_info> pkg = add_pkg(d, id, std::move(fields));
+    if (!pkg) return hlapi_send(req, HLAPI_OPERATION_ERROR);
+    if (queue_operation(d, new_operation(OPERATION_INSTALL, pkg)) != kQueueOk)
+        return hlapi_send(req, HLAPI_OPERATION_ERROR);
+
+    ubus::BlobBuf body;
+    body.add_string("Id", pkg->id);
+    return hlapi_send(req, HLAPI_OK, body.root());
 }
 
 ubus::MethodDef package_install_method(std::string_view name, daemon_context& d) {

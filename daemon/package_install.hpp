@@ -19,7 +19,10 @@ struct install_args {
 };
 install_args read_install_args(ubus::Bytes args);
 
-// Installing is not built yet: the bus status "not supported", without a reply.
+// Registers a new package and queues its install. Replies "OK" with "Id", the new package's
+// identifier; "ARGUMENT_REQUIRED_MISSING" when the Source lacks Protocol, Address or Resource;
+// "OPERATION_ERROR" when the identifier is taken or the operation cannot be started (the package
+// stays registered then).
 int package_install(daemon_context& d, ubus::Request& req);
 
 // The method `name` ("Install" or "add") with its advertised arguments, answered from `d`.

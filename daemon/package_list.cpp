@@ -37,25 +37,6 @@ constexpr ubus::Policy package_list_policy[] = {
 enum list_field { LIST_LIMIT, LIST_OFFSET, LIST_FILTERS, LIST_COUNT };
 static_assert(LIST_COUNT == std::size(package_list_policy));
 
-constexpr ubus::Policy package_list_filters_policy[] = {
-    {"Id", Type::String},      {"UUID", Type::String},         {"Name", Type::String},
-    {"Enabled", Type::Bool},   {"Vendor", Type::String},       {"Version", Type::String},
-    {"License", Type::String}, {"Architecture", Type::String}, {"Status", Type::String},
-};
-enum filter_field {
-    FILTER_ID,
-    FILTER_UUID,
-    FILTER_NAME,
-    FILTER_ENABLED,
-    FILTER_VENDOR,
-    FILTER_VERSION,
-    FILTER_LICENSE,
-    FILTER_ARCHITECTURE,
-    FILTER_STATUS,
-    FILTER_COUNT,
-};
-static_assert(FILTER_COUNT == std::size(package_list_filters_policy));
-
 using text_filter = std::optional<std::string_view>;
 
 text_filter text_of(ubus::Attr value) {

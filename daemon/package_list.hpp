@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iterator>
 
 #include "daemon/daemon_context.hpp"
 #include "daemon/package_registry.hpp"
@@ -15,6 +16,26 @@
 #include "ubus/client.hpp"
 
 namespace pkgd {
+
+// The fields of "Filters", shared with the package-operation object's "List".
+inline constexpr ubus::Policy package_list_filters_policy[] = {
+    {"Id", ubus::Type::String},      {"UUID", ubus::Type::String},         {"Name", ubus::Type::String},
+    {"Enabled", ubus::Type::Bool},   {"Vendor", ubus::Type::String},       {"Version", ubus::Type::String},
+    {"License", ubus::Type::String}, {"Architecture", ubus::Type::String}, {"Status", ubus::Type::String},
+};
+enum filter_field {
+    FILTER_ID,
+    FILTER_UUID,
+    FILTER_NAME,
+    FILTER_ENABLED,
+    FILTER_VENDOR,
+    FILTER_VERSION,
+    FILTER_LICENSE,
+    FILTER_ARCHITECTURE,
+    FILTER_STATUS,
+    FILTER_COUNT,
+};
+static_assert(FILTER_COUNT == std::size(package_list_filters_policy));
 
 // Fills `body` with "List" (one package table per selected package, in registry order), "Limit"
 // and "Offset" for the call arguments `args`, and returns HLAPI_OK; or returns

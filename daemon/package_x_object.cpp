@@ -2,6 +2,7 @@
 
 #include <iterator>
 
+#include "daemon/operation_request.hpp"
 #include "daemon/package_table.hpp"
 #include "daemon/package_x_waits.hpp"
 #include "daemon/reply_envelope.hpp"
@@ -33,8 +34,8 @@ constexpr ubus::Policy package_x_update_policy[] = {
 enum update_field { UPDATE_SOURCE, UPDATE_COUNT };
 static_assert(UPDATE_COUNT == std::size(package_x_update_policy));
 
-// Changing, removing, updating, starting and stopping packages are not built yet: callers are
-// told so plainly rather than being given an answer that nothing follows.
+// Starting, stopping and the latest-version query are not built yet: callers are told so plainly
+// rather than being given an answer that nothing follows.
 int not_supported(daemon_context&, ubus::Request&) {
     return ubus::kNotSupported;
 }
@@ -70,14 +71,40 @@ int package_x_get(daemon_context& d, ubus::Request& req) {
     return hlapi_send(req, HLAPI_OK, body.root());
 }
 
-int package_x_set(daemon_context& d, ubus::Request& req) {
-    return not_supported(d, req);
+// Whether a package is enabled is its deployment unit's business, not the caller's: the call is
+// accepted and changes nothing.
+int package_x_set(daemon_context&, ubus::Request& req) {
+    return hlapi_send(req, HLAPI_OK);
 }
+
+// Queued whatever the package's status and whatever is queued for it already: an uninstall asked
+// for during the install runs after it.
 int package_x_delete(daemon_context& d, ubus::Request& req) {
-    return not_supported(d, req);
+    const registered_pkg* entry = d.s_pkgs.find_object(req.path());
+    if (!entry || queue_operation(d, new_operation(OPERATION_REMOVE, entry->pkg)) != kQueueOk)
+        return hlapi_send(req, HLAPI_OPERATION_ILLEGAL);
+    return hlapi_send(req, HLAPI_OK);
 }
+
+// Without a Source the package updates from its own recorded source; an empty user name or
+// password keeps the recorded one, so credentials cannot be cleared this way.
 int package_x_update(daemon_context& d, ubus::Request& req) {
-    return not_supported(d, req);
+    const ubus::Attr source_table = ubus::parse(package_x_update_policy, req.args())[UPDATE_SOURCE];
+    const source_args source = read_source(source_table);
+    const bool given = static_cast<bool>(source_table);
+    if (given && (!source.protocol || !source.address || !source.resource))
+        return hlapi_send(req, HLAPI_ARGUMENT_REQUIRED_MISSING);
+    const registered_pkg* entry = d.s_pkgs.find_object(req.path());
+    if (!entry) return hlapi_send(req, HLAPI_OPERATION_ILLEGAL);
+
+    const std::shared_ptr<pkg_info> copy = update_working_copy(*entry->pkg);
+    copy->disable_autostart = entry->pkg->disable_autostart;
+    if (given && !source.protocol->empty()) copy->url = source_url(source);
+    if (!source.username.value_or("").empty()) copy->username = *source.username;
+    if (!source.password.value_or("").empty()) copy->password = *source.password;
+    if (queue_operation(d, new_operation(OPERATION_UPDATE, copy)) != kQueueOk)
+        return hlapi_send(req, HLAPI_OPERATION_ILLEGAL);
+    return hlapi_send(req, HLAPI_OK);
 }
 
 ubus::AddResult add_package_x_object(daemon_context& d, std::string_view name) {

@@ -17,8 +17,10 @@ ubus::AddResult add_package_x_object(daemon_context& d, std::string_view name);
 
 // The handlers; each finds its package by the name of the object called. "Get" answers the
 // package table as "List" shows it, or an empty body when the package has gone meanwhile
-// (removed by an event while the caller held on to the object's id). The others are not built
-// yet and answer the bus status "not supported" without a reply. Start, Stop and
+// (removed by an event while the caller held on to the object's id). "Set" accepts and changes
+// nothing. "Delete" and "Update" queue an uninstall or an update of the package and answer "OK",
+// or "OPERATION_ILLEGAL" when the package has gone or no worker can be started; "Update" answers
+// "ARGUMENT_REQUIRED_MISSING" for a Source without Protocol, Address or Resource. Start, Stop and
 // IsLatestVersion are in package_x_waits.hpp.
 int package_x_get(daemon_context& d, ubus::Request& req);
 int package_x_set(daemon_context& d, ubus::Request& req);

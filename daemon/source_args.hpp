@@ -14,10 +14,17 @@
 namespace pkgd {
 
 inline constexpr ubus::Policy package_install_source_policy[] = {
-    {"Protocol", ubus::Type::String}, {"Address", ubus::Type::String}, {"Port", ubus::Type::Int32},
+    {"Protocol", ubus::Type::String}, {"Address", ubus::Type::String},    {"Port", ubus::Type::Int32},
     {"Resource", ubus::Type::String}, {"Credentials", ubus::Type::Table},
 };
-enum source_field { SOURCE_PROTOCOL, SOURCE_ADDRESS, SOURCE_PORT, SOURCE_RESOURCE, SOURCE_CREDENTIALS, SOURCE_COUNT };
+enum source_field {
+    SOURCE_PROTOCOL,
+    SOURCE_ADDRESS,
+    SOURCE_PORT,
+    SOURCE_RESOURCE,
+    SOURCE_CREDENTIALS,
+    SOURCE_COUNT
+};
 static_assert(SOURCE_COUNT == std::size(package_install_source_policy));
 
 inline constexpr ubus::Policy package_install_credential_policy[] = {
@@ -33,6 +40,9 @@ struct source_args {
     std::optional<std::string_view> protocol, address, resource, username, password;
     std::optional<std::int32_t> port;
 };
+
+// A string argument's text; absent when it is absent or of another type.
+std::optional<std::string_view> optional_text(ubus::Attr value);
 
 // Reads a "Source" table; everything absent when `source` is (no table given).
 source_args read_source(ubus::Attr source);

@@ -3,14 +3,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 
 #include "daemon/daemon_context.hpp"
 #include "daemon/ee_object.hpp"
 #include "daemon/event_intake.hpp"
+#include "daemon/operation_queue.hpp"
 #include "daemon/package_operation_object.hpp"
 #include "daemon/packages_object.hpp"
 #include "daemon/restore.hpp"
+#include "pkgd/engine.hpp"
 #include "pkgd/identity.hpp"
 #include "pkgd/record_files.hpp"
 #include "pkgd/system_env.hpp"
@@ -58,6 +61,26 @@ void detach_and_change_root(const start_options& options) {
     (void)ignored;
 }
 
+// The body of a worker process: the whole operation, reported through its own events and result.
+// Its return value says nothing the daemon needs: the worker ends with status 0 either way.
+void run_worker(const operation_info& queued) {
+    engine_context engine = engine_context::gateway();
+    operation_info op = queued;
+    switch (op.type) {
+        case OPERATION_INSTALL:
+            package_opkg_install_operate(engine, op);
+            break;
+        case OPERATION_UPDATE:
+            package_opkg_update_operate(engine, op);
+            break;
+        case OPERATION_REMOVE:
+            package_opkg_remove_operate(engine, op);
+            break;
+        default:
+            break;
+    }
+}
+
 }  // namespace
 
 int run_daemon(const start_options& options) {
@@ -67,8 +90,8 @@ int run_daemon(const start_options& options) {
     package_init_env();
     // The only place bound to the gateway: its record directory, the identity just learnt and
     // the machine itself.
-    daemon_context d(RecordFiles(std::string(kPackageDir), package_get_ee_name(), true), package_ee_identity(),
-                     real_system_env());
+    daemon_context d(RecordFiles(std::string(kPackageDir), package_get_ee_name(), true),
+                     package_ee_identity(), real_system_env());
     make_dir(FixedText<256>(std::string("/tmp/opkg-").append(d.ee.id.view())).c_str());
 
     d.object = packages_object_name(d.ee.id.view());
@@ -78,9 +101,11 @@ int run_daemon(const start_options& options) {
     {
         ubus::Loop loop;
         d.ctx.attach(loop);
+        d.workers = std::make_unique<ForkedWorkers>(loop, run_worker);
         status = register_and_serve(d, loop);
         d.ctx.on_disconnect({});
         d.ctx.detach();
+        d.workers.reset();  // it forks from this loop
     }
     d.ctx.close();
     return status;

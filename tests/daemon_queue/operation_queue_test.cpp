@@ -10,42 +10,11 @@
 #include <string>
 
 #include "poll.hpp"
+#include "recorded_workers.hpp"
 #include "ubus/loop.hpp"
 
 namespace pkgd {
 namespace {
-
-// Workers that only exist on paper: each start gets the next pid, and the test decides when one
-// exits, whether starting or watching fails.
-class RecordedWorkers final : public WorkerControl {
-public:
-    std::vector<std::int32_t> started;  // request ids, in start order
-    std::vector<pid_t> killed;
-    bool fail_start = false;
-    bool fail_watch = false;
-
-    pid_t start(const operation_info& op) override {
-        if (fail_start) return -1;
-        started.push_back(op.request_id);
-        return next_pid_++;
-    }
-    bool watch(pid_t pid, std::function<void(pid_t, int)> on_exit) override {
-        if (fail_watch) return false;
-        exits_[pid] = std::move(on_exit);
-        return true;
-    }
-    void kill_group(pid_t pid) override { killed.push_back(pid); }
-
-    void exit(pid_t pid) {
-        auto cb = std::move(exits_.at(pid));
-        exits_.erase(pid);
-        cb(pid, 0);
-    }
-
-private:
-    pid_t next_pid_ = 100;
-    std::map<pid_t, std::function<void(pid_t, int)>> exits_;
-};
 
 std::shared_ptr<operation_info> op(std::int32_t request_id) {
     auto o = std::make_shared<operation_info>();
@@ -92,9 +61,9 @@ TEST_F(Queue, CancelKillsTheRunningOneAtOnceAndLeavesWaitingOnesAlone) {
 TEST_F(Queue, AFailedStartWithdrawsOnlyTheNewRequestAndTheOldestRunsNextTime) {
     add(1);
     workers.fail_start = true;
-    add(2);                                         // waits behind 1: nothing to start, accepted
-    workers.exit(100);                              // 2 cannot start: it stays for the next attempt
-    EXPECT_EQ(add(3), kQueueStartFailed);           // this request's operation goes, 2 stays
+    add(2);                                // waits behind 1: nothing to start, accepted
+    workers.exit(100);                     // 2 cannot start: it stays for the next attempt
+    EXPECT_EQ(add(3), kQueueStartFailed);  // this request's operation goes, 2 stays
     ASSERT_EQ(queue._info.size(), 1u);
     EXPECT_EQ(queue._info.front()->request_id, 2);
     EXPECT_FALSE(queue.is_pending);

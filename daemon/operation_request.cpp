@@ -1,0 +1,34 @@
+#include "daemon/operation_request.hpp"
+
+#include "pkgd/time_stamp.hpp"
+
+namespace pkgd {
+
+std::shared_ptr<operation_info> new_operation(std::int32_t type, std::shared_ptr<pkg_info> pkg) {
+    auto op = std::make_shared<operation_info>();
+    op->type = type;
+    op->time = package_format_time();
+    op->pkg = std::move(pkg);
+    return op;
+}
+
+std::shared_ptr<pkg_info> update_working_copy(const pkg_info& registered) {
+    auto copy = std::make_shared<pkg_info>();
+    copy->id = registered.id;
+    copy->du.index = registered.du.index;
+    copy->du.uuid = registered.du.uuid;
+    copy->eu = registered.eu;
+    copy->ee = registered.ee;
+    copy->object_name = registered.object_name;
+    copy->url = registered.url;
+    copy->username = registered.username;
+    copy->password = registered.password;
+    return copy;
+}
+
+int queue_operation(daemon_context& d, std::shared_ptr<operation_info> op) {
+    if (!d.workers) return kQueueStartFailed;
+    return enqueue_operation(d.queue, *d.workers, std::move(op));
+}
+
+}  // namespace pkgd
