@@ -34,12 +34,6 @@ constexpr ubus::Policy package_x_update_policy[] = {
 enum update_field { UPDATE_SOURCE, UPDATE_COUNT };
 static_assert(UPDATE_COUNT == std::size(package_x_update_policy));
 
-// Starting, stopping and the latest-version query are not built yet: callers are told so plainly
-// rather than being given an answer that nothing follows.
-int not_supported(daemon_context&, ubus::Request&) {
-    return ubus::kNotSupported;
-}
-
 // The methods of every per-package object, each handler answering from `d`.
 std::shared_ptr<const ubus::ObjectType> package_x_methods(daemon_context& d) {
     return ubus::ObjectType::make({
