@@ -1,0 +1,125 @@
+// The life of a package in a sandbox gateway, driven through the bus as a management client drives
+// pkgd: install, list, update, uninstall, then an install through the Packages object with a delete
+// asked for while it runs. Each step is judged by what the client sees: the LCM events and one
+// result per operation, the registry, the record files, the catalog and the data model.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "gateway_client.hpp"
+#include "poll.hpp"
+#include "sandbox/feed/index.hpp"
+#include "sandbox/feed/package.hpp"
+#include "sandbox/feed/pki.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace feed = sandbox::feed;
+using namespace std::chrono_literals;
+using V = std::vector<std::string>;
+
+constexpr std::string_view kOps = "SoftwareModules.Package.System";
+const std::string kPackages = "Services.Management.LCM.ExecutionEnvironments.System.Packages";
+
+// Builds version `version` of "app" and lists it in the signed index with the earlier ones; its URL.
+std::string publish(const sandbox::Gateway& gw, const fs::path& dir, V& records, const std::string& version) {
+    feed::PackageSpec spec;
+    spec.control = "Package: app\nVersion: " + version +
+                   "\nArchitecture: all\nMaintainer: ACME\nSection: utils\n"
+                   "Description: app for the tests\n";
+    spec.tree = {feed::file_entry("usr/bin/app", "#!/bin/sh\nexit 0\n", 0755),
+                 feed::file_entry("etc/init.d/app", "#!/bin/sh\nexit 0\n", 0755)};
+    const feed::Pki pki = feed::load_pki(gw.feed_pki_dir());
+    const feed::Package pkg = feed::build_package(spec, pki);
+    const std::string file = "app_" + version + "_all.ipk";
+    std::ofstream(dir / file, std::ios::binary) << pkg.bytes;
+    records.push_back(feed::index_record(pkg.index_control, file, pkg.bytes, pkg.installed_size));
+    feed::write_index(dir, feed::index_text(records), pki.signer);
+    return gw.feed_url("http") + "/" + file;
+}
+
+// The LCM event codes and each result's fault code, in order of arrival.
+V story(const V& events) {
+    V out;
+    for (const std::string& e : events)
+        for (const std::string key : {"\"Code\":", "\"FaultCode\":"})
+            if (const auto at = e.find(key); at != std::string::npos)
+                out.push_back((key[1] == 'F' ? "result " : "") +
+                              e.substr(at + key.size(), e.find_first_of(",}", at) - at - key.size()));
+    return out;
+}
+
+TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughTheBus) {
+    std::string pattern = std::string(REQUESTS_FEED_SCRATCH_DIR) + "/feed-XXXXXX";
+    const fs::path dir = ::mkdtemp(pattern.data());
+    ::chmod(dir.c_str(), 0755);
+    sandbox::GatewayOptions options = gwtest::named_gateway();
+    options.pkgd = options.simulator = true;
+    options.feed_dir = dir;
+    options.feed_user = "feeder";
+    options.feed_password = "pa$$ 'w0rd";
+    sandbox::Gateway gw(options);
+    ASSERT_TRUE(gw.up()) << gw.error();
+    gwtest::Client bus(gw);
+    ASSERT_TRUE(bus.wait_for_object(kPackages.substr(0, kPackages.rfind('.'))));
+    ASSERT_TRUE(bus.listen("Services.Management.LCM") &&
+                bus.listen("SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT"));
+    V records;
+    const std::string creds = R"(,"Username":"feeder","Password":"pa$$ 'w0rd")";
+    const auto operate = [&](std::string_view method, int request, const std::string& fields) {
+        return bus
+            .call(kOps, method,
+                  R"({"RequestID":)" + std::to_string(request) + R"(,"OperateID":1,"OperateMID":1)" + fields +
+                      "}")
+            .status;
+    };
+    const auto get = [&](std::string_view id) {
+        return bus.call(kPackages + "." + std::string(id), "Get").first();
+    };
+    const auto shows = [&](std::string_view id, std::string_view text) {
+        return testsupport::poll_until(60s, [&] { return get(id).find(text) != std::string::npos; });
+    };
+    EXPECT_EQ(operate("Install", 1, ""), 2);  // no URL
+    EXPECT_EQ(operate("Update", 1, R"(,"UUID":"none")"), 9);
+    EXPECT_EQ(operate("Uninstall", 1, ""), 0);  // nothing selected, nothing queued
+
+    const std::string v1 = publish(gw, dir, records, "1.0");
+    EXPECT_EQ(operate("Install", 1, R"(,"URL":")" + v1 + "\"" + creds), 0);
+    EXPECT_EQ(story(bus.events(5, 60s)), (V{"20", "6", "21", "result 0", "8"}));
+    EXPECT_TRUE(shows("1", R"("Version":"1.0")") && shows("1", R"("Status":"Installed")")) << get("1");
+    const std::string list = bus.call(kOps, "List").first();
+    const auto uuid_at = list.find(R"("UUID":")") + 8;
+    const std::string uuid = list.substr(uuid_at, list.find('"', uuid_at) - uuid_at);
+    EXPECT_EQ(list, R"({"List":[{"URL":")" + v1 + R"(","UUID":")" + uuid + R"(","Version":"1.0"}]})");
+    EXPECT_TRUE(fs::exists(gw.path("/usr/local/package/pkg/1")));
+    EXPECT_NE(gwtest::sim_state(gw, "catalog").find(uuid), std::string::npos);
+    EXPECT_NE(gwtest::sim_state(gw, "datamodel").find("ExecutionUnit."), std::string::npos);
+
+    const std::string v2 = publish(gw, dir, records, "1.10");
+    EXPECT_EQ(operate("Update", 2, R"(,"UUID":")" + uuid + R"(","URL":")" + v2 + "\""), 0);
+    EXPECT_TRUE(shows("1", R"("Version":"1.10")") && shows("1", R"("Status":"Installed")")) << get("1");
+    EXPECT_EQ(operate("Uninstall", 3, R"(,"UUID":")" + uuid + "\""), 0);
+    EXPECT_TRUE(bus.wait_until_gone(kPackages + ".1", 60s));
+    EXPECT_FALSE(fs::exists(gw.path("/usr/local/package/pkg/1")) || fs::exists(gw.path("/usr/bin/app")));
+    EXPECT_EQ(gwtest::sim_state(gw, "catalog").find(uuid), std::string::npos);
+
+    // A delete asked for while the install waits or runs is served after it.
+    const auto host = v2.substr(7, v2.find('/', 7) - 7);
+    EXPECT_EQ(bus.call(kPackages, "add",
+                       R"({"Id":"mine","Source":{"Protocol":"HTTP","Address":")" + host +
+                           R"(","Resource":"app_1.10_all.ipk","Credentials":{"Username":"feeder",)"
+                           R"("Password":"pa$$ 'w0rd"}}})")
+                  .first(),
+              R"({"Header":{"Name":"OK"},"Body":{"Id":"mine"}})");
+    EXPECT_EQ(bus.call(kPackages + ".mine", "Delete").first(), R"({"Header":{"Name":"OK"}})");
+    EXPECT_TRUE(bus.wait_until_gone(kPackages + ".mine", 60s));
+    EXPECT_EQ(story(bus.events(20, 60s)),
+              (V{"20", "6",        "21", "result 0", "8",  "23",       "11", "result 0", "25", "22",
+                 "13", "result 0", "20", "6",        "21", "result 0", "8",  "22",       "13", "result 0"}));
+}
+
+}  // namespace
