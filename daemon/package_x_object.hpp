@@ -1,5 +1,5 @@
-// The per-package object: one per registered package, through which it is read (and, later,
-// updated, deleted, started and stopped). Every one of them has the same methods, so they share
+// The per-package object: one per registered package, through which it is read, updated and
+// deleted (and, later, started and stopped). Every one of them has the same methods, so they share
 // one object type, described to the broker once.
 #pragma once
 

@@ -30,8 +30,6 @@ public:
     }
     void kill_group(pid_t pid) override { killed.push_back(pid); }
 
-    // The oldest worker still watched has exited.
-    void exit_oldest() { exit(exits_.begin()->first); }
     void exit(pid_t pid) {
         auto cb = std::move(exits_.at(pid));
         exits_.erase(pid);

@@ -1,7 +1,7 @@
 // The life of a package in a sandbox gateway, driven through the bus as a management client drives
-// pkgd: install, list, update, uninstall, and an install through the Packages object. Each step is
-// judged by what the client sees: the LCM events and one result per operation, the registry, the
-// record files, the catalog and the data model.
+// pkgd: install, list, update, uninstall, then an install through the Packages object with a delete
+// asked for while it runs. Each step is judged by what the client sees: the LCM events and one
+// result per operation, the registry, the record files, the catalog and the data model.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -25,7 +25,7 @@ using V = std::vector<std::string>;
 constexpr std::string_view kOps = "SoftwareModules.Package.System";
 const std::string kPackages = "Services.Management.LCM.ExecutionEnvironments.System.Packages";
 
-// Builds `name` `version`, lists it in the signed index with the earlier ones; its file name.
+// Builds version `version` of "app" and lists it in the signed index with the earlier ones; its URL.
 std::string publish(const sandbox::Gateway& gw, const fs::path& dir, V& records, const std::string& version) {
     feed::PackageSpec spec;
     spec.control = "Package: app\nVersion: " + version +
