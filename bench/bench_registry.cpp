@@ -3,7 +3,8 @@
 //   - start-up restore of 1000 packages (each with a package file, a DU file and two EU files),
 //     timed from starting pkgd until the last per-package object is on the bus;
 //   - "List" of those 1000 packages while 300 extra processes live in the gateway (each
-//     installed package's status needs a look at the processes).
+//     installed package's status needs a look at the processes), idle and while the worker of an
+//     install of a 10 MiB package from the loopback feed runs beside it.
 //
 // pkgd's private memory (USS: Private_Clean + Private_Dirty of /proc/PID/smaps_rollup) is shown
 // with no package, after the restore, and after the listings.
@@ -13,14 +14,19 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "bench_clock.hpp"
 #include "pkgd/record_files.hpp"
+#include "sandbox/feed/index.hpp"
+#include "sandbox/feed/package.hpp"
+#include "sandbox/feed/pki.hpp"
 #include "sandbox/gateway.hpp"
 #include "ubus/client.hpp"
+#include "ubus/json.hpp"
 
 namespace {
 
@@ -141,6 +147,54 @@ std::optional<double> timed_start(const sandbox::Gateway& gw, int expected_packa
     return std::chrono::duration<double, std::milli>(last_package - start).count();
 }
 
+// A package of 10 MiB of incompressible data in the feed; its URL.
+std::string publish_big_package(const sandbox::Gateway& gw, const fs::path& feed_dir) {
+    namespace feed = sandbox::feed;
+    std::string payload(10u << 20, '\0');
+    std::mt19937 random(1);
+    for (char& c : payload) c = static_cast<char>(random());
+    feed::PackageSpec spec;
+    spec.control = "Package: big\nVersion: 1.0\nArchitecture: all\nDescription: ten MiB\n";
+    spec.tree = {feed::file_entry("usr/share/big.bin", payload)};
+    const feed::Pki pki = feed::load_pki(gw.feed_pki_dir());
+    const feed::Package pkg = feed::build_package(spec, pki);
+    std::ofstream(feed_dir / "big_1.0_all.ipk", std::ios::binary) << pkg.bytes;
+    feed::write_index(feed_dir, feed::index_record(pkg.index_control, "big_1.0_all.ipk", pkg.bytes, pkg.installed_size),
+                      pki.signer);
+    return gw.feed_url("http") + "/big_1.0_all.ipk";
+}
+
+// "List" round trips while an install's worker runs: from the request until its result event.
+void list_during_install(const sandbox::Gateway& gw, ubus::Connection& client, std::uint32_t packages,
+                         const std::string& url) {
+    ubus::Connection events;
+    bool done = false;
+    if (events.connect(gw.socket_path().string()) != ubus::kOk ||
+        events.listen("SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT", [&](std::string_view, ubus::Bytes) {
+            done = true;
+        }).status != ubus::kOk)
+        return;
+    std::uint32_t operation = 0;
+    ubus::BlobBuf args;
+    ubus::json_load(args, R"({"RequestID":1,"OperateID":1,"OperateMID":1,"URL":")" + url + "\"}");
+    if (client.lookup_id("SoftwareModules.Package.System", operation) != ubus::kOk ||
+        client.invoke(operation, "Install", args.members(), nullptr, 30000) != ubus::kOk) {
+        std::printf("install not accepted\n");
+        return;
+    }
+    std::vector<double> ms;
+    while (!done && ms.size() < 1000) {
+        const auto start = Clock::now();
+        client.invoke(packages, "List", {}, nullptr, 30000);
+        ms.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+        events.dispatch(0);
+    }
+    if (!done) events.dispatch(60000);
+    std::sort(ms.begin(), ms.end());
+    std::printf("List of 1000 packages while an install runs: median %.1f ms, max %.1f ms (%zu lists, install %s)\n",
+                ms[ms.size() / 2], ms.back(), ms.size(), done ? "ended" : "did not end");
+}
+
 }  // namespace
 
 int main() {
@@ -149,6 +203,13 @@ int main() {
     options.pkgd = true;
     options.pkgd_at_start = false;
     options.prepare = seed;
+    options.simulator = true;  // the install beside the listings needs the data model
+    const fs::path feed_dir = fs::path(BENCH_SCRATCH_DIR) / "registry-feed";
+    fs::remove_all(feed_dir);
+    fs::create_directories(feed_dir);
+    fs::permissions(feed_dir, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                  fs::perms::others_read | fs::perms::others_exec);
+    options.feed_dir = feed_dir;
     sandbox::Gateway gw(options);
     if (!gw.up()) {
         std::printf("no gateway: %s\n", gw.error().c_str());
@@ -195,6 +256,7 @@ int main() {
             id, "List", {}, [&](ubus::Bytes m) { reply_bytes = m.size(); }, 30000);
     });
     std::printf("List reply: status %d, %zu bytes\n", status, reply_bytes);
+    list_during_install(gw, client, id, publish_big_package(gw, feed_dir));
     print_uss("after the listings", gw);
     return status == ubus::kOk && reply_bytes > 0 ? 0 : 1;
 }
