@@ -43,6 +43,8 @@ static_assert(OPERATION_FIELD_COUNT == std::size(policy));
 constexpr ubus::Policy package_filters_policy[] = {
     {"Filters", Type::Table},
 };
+enum filters_field { LIST_FILTERS, LIST_FIELD_COUNT };
+static_assert(LIST_FIELD_COUNT == std::size(package_filters_policy));
 
 constexpr ubus::Policy cancel_policy[] = {
     {"RequestID", Type::Int32},
@@ -130,8 +132,8 @@ int opkg_uninstall(daemon_context& d, ubus::Request& req) {
 int opkg_list(daemon_context& d, ubus::Request& req) {
     const auto tb = ubus::parse(package_filters_policy, req.args());
     std::optional<std::string_view> uuid, version;
-    if (tb[0]) {
-        const auto filters = ubus::parse(package_list_filters_policy, tb[0].data());
+    if (tb[LIST_FILTERS]) {
+        const auto filters = ubus::parse(package_list_filters_policy, tb[LIST_FILTERS].data());
         uuid = optional_text(filters[FILTER_UUID]);
         version = optional_text(filters[FILTER_VERSION]);
     }
