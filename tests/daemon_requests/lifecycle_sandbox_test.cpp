@@ -1,6 +1,6 @@
 // The life of a package in a sandbox gateway, driven through the bus as a management client drives
-// pkgd: install, list, update, uninstall, then an install through the Packages object with a delete
-// asked for while it runs. Each step is judged by what the client sees: the LCM events and one
+// pkgd: install, list, start, latest-version, stop, update, uninstall, then an install through the
+// Packages object with a delete asked for while it runs. Each step is judged by what the client sees: the LCM events and one
 // result per operation, the registry, the record files, the catalog and the data model.
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -8,6 +8,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
 
 #include "gateway_client.hpp"
 #include "poll.hpp"
@@ -31,8 +33,16 @@ std::string publish(const sandbox::Gateway& gw, const fs::path& dir, V& records,
     spec.control = "Package: app\nVersion: " + version +
                    "\nArchitecture: all\nMaintainer: ACME\nSection: utils\n"
                    "Description: app for the tests\n";
-    spec.tree = {feed::file_entry("usr/bin/app", "#!/bin/sh\nexit 0\n", 0755),
-                 feed::file_entry("etc/init.d/app", "#!/bin/sh\nexit 0\n", 0755)};
+    // The program is a copy of the host's sleep: a script's process would be its interpreter's,
+    // and the package runs only while one of its own files is a live process's program.
+    std::ifstream sleep_binary("/bin/sleep", std::ios::binary);
+    const std::string program((std::istreambuf_iterator<char>(sleep_binary)), std::istreambuf_iterator<char>());
+    spec.tree = {feed::file_entry("usr/bin/app", program, 0755),
+                 feed::file_entry("etc/init.d/app",
+                                  "#!/bin/sh\ncase \"$1\" in\n"
+                                  "start) /usr/bin/app 600 </dev/null >/dev/null 2>&1 & echo $! >/var/run/app.pid ;;\n"
+                                  "stop) kill \"$(cat /var/run/app.pid)\" ;;\nesac\nexit 0\n",
+                                  0755)};
     const feed::Pki pki = feed::load_pki(gw.feed_pki_dir());
     const feed::Package pkg = feed::build_package(spec, pki);
     const std::string file = "app_" + version + "_all.ipk";
@@ -57,6 +67,8 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
     std::string pattern = std::string(REQUESTS_FEED_SCRATCH_DIR) + "/feed-XXXXXX";
     const fs::path dir = ::mkdtemp(pattern.data());
     ::chmod(dir.c_str(), 0755);
+    const std::unique_ptr<const fs::path, void (*)(const fs::path*)> remove_feed(
+        &dir, [](const fs::path* d) { fs::remove_all(*d); });
     sandbox::GatewayOptions options = gwtest::named_gateway();
     options.pkgd = options.simulator = true;
     options.feed_dir = dir;
@@ -99,7 +111,13 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
     EXPECT_NE(gwtest::sim_state(gw, "catalog").find(uuid), std::string::npos);
     EXPECT_NE(gwtest::sim_state(gw, "datamodel").find("ExecutionUnit."), std::string::npos);
 
+    const std::string ok = R"({"Header":{"Name":"OK"}})";
+    EXPECT_EQ(bus.call(kPackages + ".1", "Start").first(), ok);
+    EXPECT_TRUE(shows("1", R"("Status":"Running")")) << get("1");
     const std::string v2 = publish(gw, dir, records, "1.10");
+    EXPECT_EQ(bus.call(kPackages + ".1", "IsLatestVersion").first(), R"({"Header":{"Name":"OK"},"Body":{"Result":false}})");
+    EXPECT_EQ(bus.call(kPackages + ".1", "Stop").first(), ok);
+    EXPECT_TRUE(shows("1", R"("Status":"Installed")")) << get("1");
     EXPECT_EQ(operate("Update", 2, R"(,"UUID":")" + uuid + R"(","URL":")" + v2 + "\""), 0);
     EXPECT_TRUE(shows("1", R"("Version":"1.10")") && shows("1", R"("Status":"Installed")")) << get("1");
     EXPECT_EQ(operate("Uninstall", 3, R"(,"UUID":")" + uuid + "\""), 0);
@@ -115,11 +133,11 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
                            R"("Password":"pa$$ 'w0rd"}}})")
                   .first(),
               R"({"Header":{"Name":"OK"},"Body":{"Id":"mine"}})");
-    EXPECT_EQ(bus.call(kPackages + ".mine", "Delete").first(), R"({"Header":{"Name":"OK"}})");
+    EXPECT_EQ(bus.call(kPackages + ".mine", "Delete").first(), ok);
     EXPECT_TRUE(bus.wait_until_gone(kPackages + ".mine", 60s));
-    EXPECT_EQ(story(bus.events(20, 60s)),
-              (V{"20", "6",        "21", "result 0", "8",  "23",       "11", "result 0", "25", "22",
-                 "13", "result 0", "20", "6",        "21", "result 0", "8",  "22",       "13", "result 0"}));
+    EXPECT_EQ(story(bus.events(22, 60s)),
+              (V{"20", "6",  "21",       "result 0", "8",  "10",       "11", "23", "11", "result 0", "25",
+                 "22", "13", "result 0", "20",       "6",  "21", "result 0", "8",  "22", "13",       "result 0"}));
 }
 
 }  // namespace

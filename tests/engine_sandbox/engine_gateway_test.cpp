@@ -53,6 +53,11 @@ class EngineGateway : public gwtest::SharedGateway<Options> {
 protected:
     using gwtest::SharedGateway<Options>::gw_;
 
+    static void TearDownTestSuite() {
+        gwtest::SharedGateway<Options>::TearDownTestSuite();
+        fs::remove_all(g_feed_dir);
+    }
+
     static inline std::vector<std::string> records_;  // the feed index so far
 
     // Builds a package and lists it in the signed index; its file name in the feed.
