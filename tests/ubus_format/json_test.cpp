@@ -1,5 +1,5 @@
-// The JSON bridge beyond what the captures show: doubles at their extremes, indentation levels and
-// the tab cap, element and list forms, odd names, very deep nesting, and loading into a buffer
+// The JSON bridge beyond what the captures show: doubles at their extremes, the indentation
+// tab cap, element and list forms, odd names, very deep nesting, and loading into a buffer
 // that already holds data.
 #include "ubus/json.hpp"
 
@@ -36,15 +36,7 @@ TEST(JsonFormat, DoublesPrintLikePrintfFixed) {
     }
 }
 
-TEST(JsonFormat, IndentationShiftsByTheLevelAndStopsAtSixteenTabs) {
-    BlobBuf b;
-    const auto t = b.open_table("a");
-    b.add_i32("b", 1);
-    b.close(t);
-    b.open_array("e");  // left open: an empty array at the end
-    EXPECT_EQ(ubus::json_format(b, ubus::JsonFormat::indented(2)),
-              "{\n\t\t\t\"a\": {\n\t\t\t\t\"b\": 1\n\t\t\t},\n\t\t\t\"e\": [\n\t\t\t\t\n\t\t\t]\n\t\t}");
-
+TEST(JsonFormat, IndentationStopsAtSixteenTabs) {
     BlobBuf deep;
     std::vector<std::size_t> open;
     for (int i = 0; i < 20; ++i) open.push_back(deep.open_array(""));

@@ -86,32 +86,6 @@ TEST(LoopFd, ARemovedWatchIsNotCalledForAnEventAlreadyInTheBatch) {
     EXPECT_EQ(fresh_calls, 1);
 }
 
-TEST(LoopFd, AStaleWatchDoesNotDisturbANewerOneOnTheSameNumber) {
-    Loop loop;
-    Pipe old_pipe, new_pipe;
-    const int number = old_pipe.r.get();
-    const Loop::Id stale = loop.add_fd(number, Loop::kRead, [](std::uint32_t) {});
-    ASSERT_NE(stale, 0u);
-    EXPECT_EQ(loop.add_fd(number, Loop::kRead, [](std::uint32_t) {}), 0u) << "one watch per descriptor";
-    EXPECT_EQ(loop.add_fd(-1, Loop::kRead, [](std::uint32_t) {}), 0u);
-
-    // Closed before its watch was removed, then the number is reused for another pipe.
-    ASSERT_GE(::dup2(new_pipe.r.get(), number), 0);
-    int calls = 0;
-    const Loop::Id newer = loop.add_fd(number, Loop::kRead, [&](std::uint32_t) {
-        ++calls;
-        loop.stop();
-    });
-    ASSERT_NE(newer, 0u);
-    loop.remove_fd(stale);  // must not unregister the newer watch
-    new_pipe.put("z");
-    loop.add_timer(5s, [&] { loop.stop(); });  // only if the newer watch was lost
-    loop.run();
-    EXPECT_EQ(calls, 1);
-    loop.remove_fd(newer);
-    EXPECT_NE(loop.add_fd(number, Loop::kRead, [](std::uint32_t) {}), 0u) << "watchable again after removal";
-}
-
 TEST(LoopTimer, TimersFireInDeadlineOrderCancelledOnesNeverAndStopEndsOnlyTheInnermostRun) {
     Loop loop;
     Log log;
