@@ -22,7 +22,8 @@ protected:
     ubus::Loop loop;
     ubus::Connection caller, silent;  // `silent` owns an object whose calls it never reads
     ServingThread owner{broker.socket()};
-    std::uint32_t svc = owner.add("svc", {{"echo", {}, [](ubus::Request& req) { return req.reply(req.args()); }}});
+    std::uint32_t svc =
+        owner.add("svc", {{"echo", {}, [](ubus::Request& req) { return req.reply(req.args()); }}});
     std::uint32_t mute = 0;
     Outcome out;
 
