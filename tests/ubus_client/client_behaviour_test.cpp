@@ -27,13 +27,14 @@ fake::Step expect(std::vector<std::uint8_t> m) {
     return {fake::Step::Expect, std::move(m)};
 }
 
-// A call of `method` on `object`, as the caller or the broker writes it.
+// A call of `method` on `object`, as the caller or the broker writes it (without DATA if the
+// caller left it out: the broker passes on what it got).
 std::vector<std::uint8_t> call(std::uint16_t seq, std::uint32_t peer, std::uint32_t object,
-                               std::string_view method) {
+                               std::string_view method, bool with_data = true) {
     return fake::msg(MsgType::Invoke, seq, peer, [&](MsgBuf& m) {
         m.put_u32(ubus::kAttrObjId, object);
         m.put_string(ubus::kAttrMethod, method);
-        m.put_raw(ubus::kAttrData, {});
+        if (with_data) m.put_raw(ubus::kAttrData, {});
     });
 }
 std::vector<std::uint8_t> status(std::uint16_t seq, std::uint32_t peer, int code, std::uint32_t object) {
@@ -224,7 +225,8 @@ TEST(ClientOwner, CallsItCannotServeGetTheirStatusWithTheRealSeqAndPeer) {
                                     m.put_raw(ubus::kAttrSignature, type->signature());
                                 })) +
         Steps{send(call(4, kCaller, 0xdead, "m")),  // an object removed while the call was on its way
-              expect(status(4, kCaller, ubus::kNotFound, 0xdead)),
+              expect(status(4, kCaller, ubus::kNotFound, 0xdead)), send(call(6, kCaller, kObject, "m", false)),
+              expect(status(6, kCaller, ubus::kInvalidArgument, kObject)),
               send(no_reply(call(7, kCaller, kObject, "nosuch"))),            // no reply wanted: nothing
               send(no_reply(call(8, kCaller, kObject, "m"))), path_reply(8),  // DATA still goes out
               send(call(9, kCaller, kObject, "drop")),
