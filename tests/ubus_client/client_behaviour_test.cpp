@@ -225,7 +225,8 @@ TEST(ClientOwner, CallsItCannotServeGetTheirStatusWithTheRealSeqAndPeer) {
                                     m.put_raw(ubus::kAttrSignature, type->signature());
                                 })) +
         Steps{send(call(4, kCaller, 0xdead, "m")),  // an object removed while the call was on its way
-              expect(status(4, kCaller, ubus::kNotFound, 0xdead)), send(call(6, kCaller, kObject, "m", false)),
+              expect(status(4, kCaller, ubus::kNotFound, 0xdead)),
+              send(call(6, kCaller, kObject, "m", false)),
               expect(status(6, kCaller, ubus::kInvalidArgument, kObject)),
               send(no_reply(call(7, kCaller, kObject, "nosuch"))),            // no reply wanted: nothing
               send(no_reply(call(8, kCaller, kObject, "m"))), path_reply(8),  // DATA still goes out
