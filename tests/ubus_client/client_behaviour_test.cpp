@@ -108,27 +108,6 @@ TEST(ClientWaits, NotificationWaitsForEverySubscriberTheBrokerNamed) {
     EXPECT_THAT(s.broker.finish(), IsEmpty());
 }
 
-TEST(ClientWaits, AnOwnerWaitingInItsOwnCallAnswersOtherCallsOnlyAfterwardsWithItsRequestIntact) {
-    fake::Session s(Steps{kHello} + registered(1) +
-                    Steps{send(call(5, kCaller, kObject, "relay")), expect(call(2, kOther, kOther, "wait")),
-                          send(call(6, kCaller + 1, kObject, "hello")), send(status(2, kOther, 0, kOther)),
-                          expect(data(5, kCaller, kObject, R"({"method":"relay"})")),
-                          expect(status(5, kCaller, 0, kObject)), expect(status(6, kCaller + 1, 0, kObject))});
-    std::vector<std::string> log;
-    ASSERT_EQ(s.bus.add_anonymous_object([&](ubus::Request& req) -> int {
-                     if (req.method() != "relay") return log.emplace_back(req.method()), ubus::kOk;
-                     log.push_back("relay " + std::to_string(s.bus.invoke(kOther, "wait", {}, nullptr, 5000)));
-                     ubus::BlobBuf out;  // read from the request after the wait read more messages
-                     out.add_string("method", req.method());
-                     return req.reply(out);
-                 })
-                  .status,
-              ubus::kOk);
-    fake::pump(s.bus, s.broker);
-    EXPECT_THAT(log, ElementsAre("relay 0", "hello"));
-    EXPECT_THAT(s.broker.finish(), IsEmpty());
-}
-
 class ClientLostBroker : public ::testing::TestWithParam<bool> {};
 
 TEST_P(ClientLostBroker, WaitingCallFailsAndTheOwnerIsToldOnce) {
