@@ -27,9 +27,12 @@ std::string members_of(const ubus::BlobBuf& b) {
     return {b.members().begin(), b.members().end()};
 }
 
-TEST(Limits, MessagesAtTheSizeLimitArriveIntactAndLargerOnesAreRefusedBeforeTheyOverflow) {
+// A broker, an owner serving "reply" (a reply of the size asked for) and "echo" on one object, and
+// a caller.
+class BusEndToEnd : public ::testing::Test {
+protected:
     BrokerProcess broker;
-    ServingThread owner(broker.socket());
+    ServingThread owner{broker.socket()};
     const std::uint32_t big = owner.add(
         "big", {{"reply", kSize,
                  [](ubus::Request& req) {
@@ -39,9 +42,15 @@ TEST(Limits, MessagesAtTheSizeLimitArriveIntactAndLargerOnesAreRefusedBeforeThey
                      return req.reply(out);  // too large to send: the caller hears why
                  }},
                 {"echo", {}, [](ubus::Request& req) { return req.reply(req.args()); }}});
-    owner.start();
     ubus::Connection caller;
-    ASSERT_EQ(caller.connect(broker.socket()), ubus::kOk);
+
+    void SetUp() override {
+        owner.start();
+        ASSERT_EQ(caller.connect(broker.socket()), ubus::kOk);
+    }
+};
+
+TEST_F(BusEndToEnd, MessagesAtTheSizeLimitArriveIntactAndLargerOnesAreRefusedBeforeTheyOverflow) {
     std::string got;
     const auto call = [&](std::string_view method, const ubus::BlobBuf& args) {
         got.clear();
@@ -81,12 +90,7 @@ TEST(Limits, MessagesAtTheSizeLimitArriveIntactAndLargerOnesAreRefusedBeforeThey
     EXPECT_EQ(call("echo", args_of_size(4)), ubus::kOk) << "the connection survived";
 }
 
-TEST(Robustness, CallsKeepWorkingWhileClientsSendMalformedTruncatedAndMangledFrames) {
-    BrokerProcess broker;
-    ServingThread owner(broker.socket());
-    const std::uint32_t echo =
-        owner.add("echo", {{"echo", {}, [](ubus::Request& req) { return req.reply(req.args()); }}});
-    owner.start();
+TEST_F(BusEndToEnd, CallsKeepWorkingWhileClientsSendMalformedTruncatedAndMangledFrames) {
     std::vector<std::vector<std::uint8_t>> captured;  // real requests, to be sent with bits flipped
     for (const char* f :
          {"session_ping_and_errors.txt", "session_subscribe_notify.txt", "session_events.txt"})
@@ -99,7 +103,7 @@ TEST(Robustness, CallsKeepWorkingWhileClientsSendMalformedTruncatedAndMangledFra
     std::atomic<int> not_dropped = 0;
     std::thread hostile([&] {
         std::mt19937 rng(7);
-        ubus::MsgBuf call = invoke_msg(1, echo, "echo");
+        ubus::MsgBuf call = invoke_msg(1, big, "echo");
         const ubus::Bytes frame = call.frame();
         for (int i = 0; i < 200; ++i) {
             RawClient c(broker.socket(), false);
@@ -121,15 +125,13 @@ TEST(Robustness, CallsKeepWorkingWhileClientsSendMalformedTruncatedAndMangledFra
         done = true;
     });
 
-    ubus::Connection caller;
-    ASSERT_EQ(caller.connect(broker.socket()), ubus::kOk);
     int calls = 0, answered = 0;
     for (; !done || calls < 50; ++calls) {
         ubus::BlobBuf args;
         args.add_i32("i", calls);
         bool echoed = false;
         const int status = caller.invoke(
-            echo, "echo", args.members(),
+            big, "echo", args.members(),
             [&](ubus::Bytes data) { echoed = std::ranges::equal(data, args.members()); }, 10000);
         answered += status == ubus::kOk && echoed;
     }

@@ -1,5 +1,4 @@
-// Child processes and the loop: exit statuses reported from the loop, whenever the child ended,
-// and children of fork_child that start clean and never return into the parent's code.
+// Child processes and the loop.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -50,50 +49,6 @@ bool is_unreaped_child(pid_t pid) {
            info.si_pid == pid;
 }
 
-TEST(LoopChild, ExitStatusesOfManyChildrenAreReportedFromTheLoop) {
-    Loop loop;
-    Exits exits(loop);
-    // Exiting together, several children may be announced by a single SIGCHLD.
-    std::map<pid_t, int> codes;
-    for (int code = 10; code < 16; ++code) {
-        const pid_t pid = loop.fork_child([code] { return code; });
-        codes[pid] = code;
-        exits.watch(pid);
-    }
-    const pid_t killed = loop.fork_child([] { return ::kill(::getpid(), SIGKILL); });
-    exits.watch(killed);
-    exits.run();
-    for (auto [pid, code] : codes) EXPECT_TRUE(exits.exited(pid, code)) << exits.status[pid];
-    EXPECT_TRUE(exits.exited(killed, 128 + SIGKILL)) << exits.status[killed];
-}
-
-TEST(LoopChild, AChildThatExitedBeforeItsWatchIsReportedFromTheLoopEvenIfTheLoopReapedIt) {
-    Loop loop;
-    const pid_t early = loop.fork_child([] { return 5; });
-    const pid_t foreign = ::fork();  // any child, not only those of fork_child
-    if (foreign == 0) ::_exit(6);
-    for (pid_t pid : {early, foreign}) {
-        siginfo_t info{};
-        while (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
-        }
-    }
-    // Unwatched, the loop reaps them so that no zombie is left.
-    const auto reaped = [&] {
-        loop.add_timer(10ms, [&loop] { loop.stop(); });
-        loop.run();
-        return !is_unreaped_child(foreign);
-    };
-    EXPECT_TRUE(testsupport::poll_until(5s, reaped, 0ms)) << "an unwatched child was left as a zombie";
-    Exits exits(loop);
-    exits.watch(early);
-    exits.watch(foreign);
-    EXPECT_TRUE(exits.status.empty()) << "reported from inside watch_child, not from the loop";
-    exits.run();
-    EXPECT_TRUE(exits.exited(early, 5) && exits.exited(foreign, 6));
-    // Process groups and processes that are not our children cannot be watched.
-    for (pid_t pid : {0, -1, ::getppid()}) EXPECT_EQ(loop.watch_child(pid, [](pid_t, int) {}), 0u) << pid;
-}
-
 // Writes into a pipe when destroyed: shows whether a child unwound the parent's stack.
 struct WritesWhenDestroyed {
     int fd;
@@ -120,7 +75,9 @@ int check_clean_start() {
     return failures;
 }
 
-TEST(LoopChild, ForkChildStartsCleanAndNeverReturnsIntoTheCaller) {
+// Every child's status is reported from the loop, whether it ended before or after its watch;
+// children of fork_child start clean and never return into the caller.
+TEST(LoopChild, ExitStatusesAreReportedFromTheLoopAndForkChildStartsCleanAndNeverReturns) {
     Pipe witness;
     WritesWhenDestroyed sentinel{witness.w.get()};
     // The parent blocks and ignores signals of its own; none of that may reach the child.
@@ -134,14 +91,40 @@ TEST(LoopChild, ForkChildStartsCleanAndNeverReturnsIntoTheCaller) {
     ::sigaction(SIGHUP, &ignore, &old_hup);
     {
         Loop loop;
+        const pid_t early = loop.fork_child([] { return 5; });
+        const pid_t foreign = ::fork();  // any child, not only those of fork_child
+        if (foreign == 0) ::_exit(6);
+        for (pid_t pid : {early, foreign}) {
+            siginfo_t info{};
+            while (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+            }
+        }
+        // Unwatched, the loop reaps them so that no zombie is left.
+        const auto reaped = [&] {
+            loop.add_timer(10ms, [&loop] { loop.stop(); });
+            loop.run();
+            return !is_unreaped_child(foreign);
+        };
+        EXPECT_TRUE(testsupport::poll_until(5s, reaped, 0ms)) << "an unwatched child was left as a zombie";
         Exits exits(loop);
-        const pid_t in_process = loop.fork_child(check_clean_start);
-        const pid_t thrower = loop.fork_child([]() -> int { throw std::runtime_error("body failed"); });
-        for (pid_t pid : {in_process, thrower}) exits.watch(pid);
+        exits.watch(early);
+        exits.watch(foreign);
+        EXPECT_TRUE(exits.status.empty()) << "reported from inside watch_child, not from the loop";
+        // Watched before they end and exiting together, several children may share one SIGCHLD.
+        // A clean start exits 0 (else bits: 1 dispositions, 2 mask, 4 current loop).
+        std::map<pid_t, int> codes{{early, 5}, {foreign, 6}};
+        for (int code = 10; code < 16; ++code) codes[loop.fork_child([code] { return code; })] = code;
+        codes[loop.fork_child([] { return ::kill(::getpid(), SIGKILL); })] = 128 + SIGKILL;
+        codes[loop.fork_child(check_clean_start)] = 0;
+        codes[loop.fork_child([]() -> int { throw std::runtime_error("body failed"); })] =
+            Loop::kChildBodyThrew;
+        for (auto [pid, code] : codes)
+            if (pid != early && pid != foreign) exits.watch(pid);
         exits.run();
-        EXPECT_TRUE(exits.exited(in_process, 0))
-            << exits.status[in_process] << " (exit code bits: 1 dispositions, 2 mask, 4 current loop)";
-        EXPECT_TRUE(exits.exited(thrower, Loop::kChildBodyThrew)) << exits.status[thrower];
+        for (auto [pid, code] : codes)
+            EXPECT_TRUE(exits.exited(pid, code)) << code << ": " << exits.status[pid];
+        // Process groups and processes that are not our children cannot be watched.
+        for (pid_t pid : {0, -1, ::getppid()}) EXPECT_EQ(loop.watch_child(pid, [](pid_t, int) {}), 0u) << pid;
     }
     ::sigaction(SIGHUP, &old_hup, nullptr);
     ::pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);

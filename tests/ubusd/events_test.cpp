@@ -38,27 +38,19 @@ TEST(Events, PatternsChooseListenersEachObjectGetsOneCopyNumberedBrokerWideAndTh
         {&prefix, listener(prefix, {"de*"})},
         {&literal, listener(literal, {"a*b"})},  // a star inside a pattern is just a character
     };
-    ubus::BlobBuf data;
-    data.add_string("s", "text");
-    const auto t = data.open_table("t");
-    data.add_bool("b", true);
-    data.close(t);
     const V every = {"demo.x", "demo", "dex", "demo.*", "a*b", "axb"};
     std::uint16_t seq = 1;
-    for (const std::string& name : every) EXPECT_EQ(sender.status_of(event_msg(seq++, name, data)), 0);
+    for (const std::string& name : every) EXPECT_EQ(sender.status_of(event_msg(seq++, name)), 0);
 
     // The sender had its answers only after the deliveries went out, so they are all there now.
+    // (What a delivery looks like is the events capture's.)
     EXPECT_TRUE(sender.sync().empty());
     const V expected[] = {every, every, {"demo.x", "demo.*"}, {"demo.x", "demo", "dex", "demo.*"}, {"a*b"}};
     std::multiset<std::uint16_t> seqs;
     for (std::size_t i = 0; i < std::size(listeners); ++i) {
         V got;
         for (const Received& r : listeners[i].first->sync()) {
-            EXPECT_EQ(r.hdr().type, ubus::MsgType::Invoke);
-            EXPECT_EQ(r.hdr().peer, 0u);
             EXPECT_EQ(r.attrs().u32(ubus::kAttrObjId), listeners[i].second);
-            EXPECT_FALSE(r.attrs().has(ubus::kAttrUser));
-            EXPECT_EQ(json(r.attrs().data()), R"({"s":"text","t":{"b":true}})");
             seqs.insert(r.hdr().seq);
             got.emplace_back(r.method());
         }
@@ -96,7 +88,6 @@ TEST(Events, BadRegistrationsAndSendsAreRefusedWithTheirCodes) {
     EXPECT_EQ(c.status_of(register_msg(5, mine, "")), ubus::kPermissionDenied);
     EXPECT_EQ(c.status_of(invoke_msg(6, ubus::kEventObject, "send", data_not_table)), ubus::kInvalidArgument);
     EXPECT_EQ(c.status_of(event_msg(7, "ubus.object.add")), ubus::kPermissionDenied);
-    EXPECT_EQ(c.status_of(invoke_msg(8, ubus::kEventObject, "listen")), ubus::kInvalidCommand);
     EXPECT_EQ(c.status_of(std::move(no_data)), ubus::kInvalidArgument);
     EXPECT_EQ(c.status_of(register_msg(10, mine, "x")), ubus::kOk);
 }
