@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "sandbox/feed/index.hpp"
@@ -34,13 +35,6 @@ PackageSpec spec(Hostile hostile = Hostile::none, bool dot_slash = false) {
     s.dot_slash_names = dot_slash;
     s.bomb_bytes = std::uint64_t{1} << 30;
     return s;
-}
-
-std::string read(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 // The honest package and every hostile variant are checked by the gateway's own verifier in the
@@ -79,7 +73,8 @@ TEST(FeedIndex, RecordsParseBackAndTheIndexIsSigned) {
     fs::path dir = fs::path(FEED_SCRATCH_DIR) / ("feed-index-" + std::to_string(::getpid()));
     fs::create_directories(dir);
     write_index(dir, text, pki().signer);  // its .gz and .sig are read by the package tool's tests
-    EXPECT_EQ(read(dir / "Packages"), text);
+    std::ifstream index(dir / "Packages");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(index), {}), text);
     fs::remove_all(dir);
 
     // Split as the gateway does: a line starting with a newline or a space ends a record, so
