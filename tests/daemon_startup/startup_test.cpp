@@ -128,15 +128,6 @@ TEST(Startup, ObjectsAppearInTheirFixedOrderRestoredPackagesBeforeTheEnvironment
               std::string::npos);
 }
 
-// pkgd's process as the host sees it.
-std::optional<pid_t> pkgd_host_pid(const sandbox::Gateway& gw) {
-    for (pid_t pid : sandbox::processes_in_namespace("pid", gw.pid_namespace())) {
-        std::error_code ec;
-        if (fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec).filename() == "pkgd") return pid;
-    }
-    return std::nullopt;
-}
-
 TEST(Startup, AfterChangingItsRootItWorksFromTheNewRootAndEndsWith0WhenTheBrokerGoes) {
     auto options = pkgd_later();
     options.broker = false;
@@ -147,10 +138,14 @@ TEST(Startup, AfterChangingItsRootItWorksFromTheNewRootAndEndsWith0WhenTheBroker
     ASSERT_TRUE(gw.start_pkgd());
     ASSERT_TRUE(gwtest::Client(gw).wait_for_object(kEnvironment));
     // Its working directory is the root it was given, not left outside it.
-    const auto pid = pkgd_host_pid(gw);
-    ASSERT_TRUE(pid);
+    std::string proc;  // pkgd's process as the host sees it
+    for (pid_t pid : sandbox::processes_in_namespace("pid", gw.pid_namespace())) {
+        std::error_code ec;
+        if (fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec).filename() == "pkgd")
+            proc = "/proc/" + std::to_string(pid);
+    }
     struct stat cwd {}, root {};
-    ASSERT_EQ(::stat(("/proc/" + std::to_string(*pid) + "/cwd").c_str(), &cwd), 0);
+    ASSERT_EQ(::stat((proc + "/cwd").c_str(), &cwd), 0) << "no pkgd process";
     ASSERT_EQ(::stat(gw.root().c_str(), &root), 0);
     EXPECT_EQ(std::pair(cwd.st_dev, cwd.st_ino), std::pair(root.st_dev, root.st_ino));
 

@@ -23,8 +23,7 @@ TEST(AddReply, TheFirstTrueMemberOfAnInstanceTableNamesTheInstance) {
         // member does not end the search.
         {R"({"pid":9,"InternetGatewayDevice.SoftwareModules.ExecutionUnit.":{"12":true}})", 12},
         {R"({"InternetGatewayDevice.SoftwareModules.ExecEnv.":{"1":false},)"
-         R"("InternetGatewayDevice.SoftwareModules.ExecutionUnit.":{"4":true}})",
-         4},
+         R"("InternetGatewayDevice.SoftwareModules.ExecutionUnit.":{"4":true}})", 4},
         // Replies without a new instance leave the result alone.
         {R"({})", 42},
         {R"({"ok":{"3":true}})", 42},

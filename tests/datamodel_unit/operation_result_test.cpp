@@ -43,49 +43,28 @@ TEST(OperationResult, FieldsFollowTheOperationAndItsOutcome) {
                              R"(DeploymentUnit.2.","Resolved":true,)";
     const std::string times =
         R"("StartTime":"2024-03-05T07:00:00+00:00","CompleteTime":"2024-03-05T07:08:09+01:00"})";
+    const std::string done = R"("FaultCode":0,"Fault":"",)";
     const std::tuple<std::int32_t, std::vector<std::int32_t>, cwmp_fault, std::string> cases[] = {
-        {OPERATION_INSTALL,
-         {5, 6},
-         kFaultNone,
-         ids + unit +
-             R"("ExecutionUnitRefList":"InternetGatewayDevice.SoftwareModules.ExecutionUnit.5.,)"
-             R"(InternetGatewayDevice.SoftwareModules.ExecutionUnit.6.",)"
-             R"("CurrentStatus":"Installed","FaultCode":0,"Fault":"","OperationPerformed":"Install",)" +
-             times},
+        {OPERATION_INSTALL, {5, 6}, kFaultNone,
+         ids + unit + R"("ExecutionUnitRefList":"InternetGatewayDevice.SoftwareModules.ExecutionUnit.5.,)"
+                      R"(InternetGatewayDevice.SoftwareModules.ExecutionUnit.6.","CurrentStatus":"Installed",)" +
+             done + R"("OperationPerformed":"Install",)" + times},
         // A failure carries no unit fields.
-        {OPERATION_INSTALL,
-         {5},
-         kFaultAlreadyInstalled,
-         ids +
-             R"("CurrentStatus":"Failed","FaultCode":9026,"Fault":"Deployment Unit had already installed on )"
-             R"(the same Execution Environment","OperationPerformed":"Install",)" +
-             times},
+        {OPERATION_INSTALL, {5}, kFaultAlreadyInstalled,
+         ids + R"("CurrentStatus":"Failed","FaultCode":9026,"Fault":"Deployment Unit had already installed on )"
+               R"(the same Execution Environment","OperationPerformed":"Install",)" + times},
         // No units, no list.
-        {OPERATION_UPDATE,
-         {},
-         kFaultNone,
-         ids + unit +
-             R"("CurrentStatus":"Installed","FaultCode":0,"Fault":"","OperationPerformed":"Update",)" +
-             times},
-        {OPERATION_UPDATE,
-         {7},
-         kFaultNoResources,
-         ids +
-             R"("CurrentStatus":"Installed","FaultCode":9027,"Fault":"No more system resource",)"
-             R"("OperationPerformed":"Update",)" +
-             times},
-        {OPERATION_REMOVE,
-         {7},
-         kFaultNone,
+        {OPERATION_UPDATE, {}, kFaultNone,
+         ids + unit + R"("CurrentStatus":"Installed",)" + done + R"("OperationPerformed":"Update",)" + times},
+        {OPERATION_UPDATE, {7}, kFaultNoResources,
+         ids + R"("CurrentStatus":"Installed","FaultCode":9027,"Fault":"No more system resource",)"
+               R"("OperationPerformed":"Update",)" + times},
+        {OPERATION_REMOVE, {7}, kFaultNone,
          ids + unit + R"("ExecutionUnitRefList":"InternetGatewayDevice.SoftwareModules.ExecutionUnit.7.",)" +
-             R"("CurrentStatus":"Uninstalled","FaultCode":0,"Fault":"","OperationPerformed":"Uninstall",)" +
-             times},
-        {OPERATION_REMOVE,
-         {},
-         kFaultRequestDenied,
-         ids +
-             R"("CurrentStatus":"Installed","FaultCode":9001,"Fault":"Request denied","OperationPerformed":"Uninstall",)" +
-             times},
+             R"("CurrentStatus":"Uninstalled",)" + done + R"("OperationPerformed":"Uninstall",)" + times},
+        {OPERATION_REMOVE, {}, kFaultRequestDenied,
+         ids + R"("CurrentStatus":"Installed","FaultCode":9001,"Fault":"Request denied",)"
+               R"("OperationPerformed":"Uninstall",)" + times},
     };
     for (const auto& [type, units, fault, json] : cases)
         EXPECT_EQ(result_json(operation(type, units), fault.code, fault.text), json)

@@ -21,10 +21,6 @@ GatewayOptions with_pkgd() {
     return options;
 }
 
-bool running(const PkgdStatus& s) {
-    return s.state == State::kRunning;
-}
-
 TEST(Pkgd, RunsInItsRootWithOnlyTheEnvironmentItIsGiven) {
     // Set on the host: must not leak into pkgd, whose environment identity it would change.
     ::setenv("EXECENV_INDEX", "9", 1);
@@ -52,13 +48,16 @@ TEST(Pkgd, StartedLaterThenSignalledRestartedAndStopped) {
             return true;
         });
     };
+    // The n-th run of pkgd, once it runs.
+    const auto run = [](decltype(PkgdStatus::runs) n) {
+        return [n](const PkgdStatus& s) { return s.state == State::kRunning && s.runs == n; };
+    };
     ASSERT_EQ(gw.pkgd_status().value_or(PkgdStatus{}).state, State::kIdle);
     EXPECT_FALSE(gw.stop_pkgd());
 
     ASSERT_TRUE(gw.start_pkgd());
-    const auto first = gw.wait_pkgd(running);
+    const auto first = gw.wait_pkgd(run(1));
     ASSERT_TRUE(first);
-    EXPECT_EQ(first->runs, 1u);
     EXPECT_FALSE(gw.start_pkgd()) << "a second pkgd must not be started";
     ASSERT_TRUE(serving());
     ASSERT_TRUE(gw.signal_pkgd(SIGKILL));
@@ -68,10 +67,10 @@ TEST(Pkgd, StartedLaterThenSignalledRestartedAndStopped) {
     EXPECT_EQ(killed->pid, first->pid);
 
     ASSERT_TRUE(gw.restart_pkgd());
-    ASSERT_TRUE(gw.wait_pkgd([](const PkgdStatus& s) { return running(s) && s.runs == 2; }));
+    ASSERT_TRUE(gw.wait_pkgd(run(2)));
     ASSERT_TRUE(serving());
     ASSERT_TRUE(gw.restart_pkgd());  // while running: stopped, then started again
-    const auto third = gw.wait_pkgd([](const PkgdStatus& s) { return running(s) && s.runs == 3; });
+    const auto third = gw.wait_pkgd(run(3));
     ASSERT_TRUE(third);
     EXPECT_TRUE(third->exited_with(0)) << "the restart stopped the previous run with SIGTERM";
     ASSERT_TRUE(serving());

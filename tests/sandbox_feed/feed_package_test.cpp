@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "sandbox/feed/index.hpp"
@@ -38,13 +37,6 @@ PackageSpec spec(Hostile hostile = Hostile::none, bool dot_slash = false) {
     return s;
 }
 
-std::string read(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 // The honest package and every hostile variant are checked by the gateway's own verifier in the
 // engine's tests and installed by the package tool in its sandbox tests; what is left here is what
 // no consumer looks at closely: the bomb's size and the names the feed tool takes.
@@ -57,15 +49,8 @@ TEST(FeedPackage, TheBombInflatesToItsSizeAndEveryVariantHasAName) {
     for (Hostile kind : all_hostile()) EXPECT_EQ(parse_hostile(hostile_name(kind)), kind);
 }
 
-TEST(FeedPki, ServerCertificateServesLoopbackAndKeysStayPrivate) {
-    auto bio = std::unique_ptr<BIO, int (*)(BIO*)>(
-        BIO_new_mem_buf(pki().server.cert_pem.data(), static_cast<int>(pki().server.cert_pem.size())), BIO_free);
-    auto cert = std::unique_ptr<X509, void (*)(X509*)>(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr), X509_free);
-    ASSERT_TRUE(cert);
-    EXPECT_EQ(X509_check_ip_asc(cert.get(), "127.0.0.1", 0), 1);
-    EXPECT_EQ(X509_check_host(cert.get(), "localhost", 0, 0, nullptr), 1);
-    EXPECT_EQ(X509_check_purpose(cert.get(), X509_PURPOSE_SSL_SERVER, 0), 1);
-
+// (That the server certificate serves 127.0.0.1 shows in the feed servers' HTTPS fetches.)
+TEST(FeedPki, KeysStayPrivateAndComeBackWhole) {
     fs::path dir = fs::path(FEED_SCRATCH_DIR) / ("feed-pki-" + std::to_string(::getpid()));
     save_pki(pki(), dir);
     struct stat st{};
@@ -88,7 +73,8 @@ TEST(FeedIndex, RecordsParseBackAndTheIndexIsSigned) {
     fs::path dir = fs::path(FEED_SCRATCH_DIR) / ("feed-index-" + std::to_string(::getpid()));
     fs::create_directories(dir);
     write_index(dir, text, pki().signer);  // its .gz and .sig are read by the package tool's tests
-    EXPECT_EQ(read(dir / "Packages"), text);
+    std::ifstream index(dir / "Packages");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(index), {}), text);
     fs::remove_all(dir);
 
     // Split as the gateway does: a line starting with a newline or a space ends a record, so

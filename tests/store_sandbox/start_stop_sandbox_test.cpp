@@ -77,9 +77,6 @@ TEST_F(PackagesInGateway, UnitsAreStartedAndStoppedThenAnnounced) {
     EXPECT_EQ(act(ordinary_package(), false), "0");
     EXPECT_EQ(read_text(gw_->path("/tmp/operations")),
               "demo start\ndemo-watch start\ndemo stop\ndemo-watch stop\n");
-    EXPECT_EQ(gwtest::sim_requests(*gw_, "services"),
-              (std::vector<std::string>{R"(operate {"Operation":"start","name":["demo","demo-watch"]})",
-                                        R"(operate {"Operation":"stop","name":["demo","demo-watch"]})"}));
     EXPECT_EQ(events_.events(2), (std::vector<std::string>{event(kLcmPackageEnabled, package_body()),
                                                            event(kLcmPackageDisabled, package_body())}));
 }

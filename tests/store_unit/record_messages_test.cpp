@@ -58,9 +58,7 @@ TEST(RecordMessages, UnitAndEnvironmentKeepTheirShapeVendorAndTypeOnlyWhenSet) {
     const pkg_info pkg = store_test::ordinary_package();
     EXPECT_EQ(json_of([&](auto& m) { eu_record_message(m, pkg, pkg.eu[1], "System"); }),
               R"({"euid":"EU-6","name":"demo-watch","EE":"System","PKG":"3"})");
-    EXPECT_EQ(json_of([&](auto& m) {
-                  eu_record_message(m, pkg, eu_info{8, {}, {}}, "System");
-              }),
+    EXPECT_EQ(json_of([&](auto& m) { eu_record_message(m, pkg, eu_info{8, {}, {}}, "System"); }),
               R"({"euid":"","name":"","EE":"System","PKG":"3"})");
     pkg_info env = store_test::environment_package();
     EXPECT_EQ(json_of([&](auto& m) { ee_record_message(m, env, *env.ee, "System"); }),

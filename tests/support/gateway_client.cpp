@@ -41,10 +41,7 @@ Reply Client::call(std::string_view path, std::string_view method, std::string_v
     if (!ubus::json_load(args, json)) {
         ADD_FAILURE() << "not a JSON object: " << json;
     } else if (r.status = bus_.lookup_id(path, id); r.status == ubus::kOk) {
-        auto on_data = [&r](ubus::Bytes members) {
-            r.data.emplace_back(members.begin(), members.end());
-            ubus::json_format_list(r.json.emplace_back(), members, false);
-        };
+        auto on_data = [&r](ubus::Bytes members) { ubus::json_format_list(r.json.emplace_back(), members, false); };
         r.status = bus_.invoke(id, method, args.members(), on_data, timeout_ms);
     }
     return r;
@@ -66,14 +63,6 @@ std::optional<std::uint32_t> Client::wait_for_object(std::string_view path,
 
 bool Client::wait_until_gone(std::string_view path, std::chrono::milliseconds timeout) {
     return testsupport::poll_until(timeout, [&] { return !has_object(path); }, 20ms);
-}
-
-std::string Client::signature(std::string_view path) {
-    std::string json;
-    bus_.lookup(path, [&](const ubus::ObjectInfo& o) {
-        if (o.path == path) ubus::json_format_list(json, o.signature, false);
-    });
-    return json;
 }
 
 bool Client::hold(std::string_view path) {

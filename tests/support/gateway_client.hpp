@@ -36,8 +36,7 @@ protected:
 
 struct Reply {
     int status = -1;
-    std::vector<std::vector<std::uint8_t>> data;  // the members of each DATA reply
-    std::vector<std::string> json;                // the same as compact JSON
+    std::vector<std::string> json;  // each DATA reply as compact JSON
     std::string first() const { return json.empty() ? "" : json.front(); }
 };
 
@@ -54,8 +53,7 @@ public:
     std::optional<std::uint32_t> wait_for_object(std::string_view path,
                                                  std::chrono::milliseconds timeout = 10s);
     bool wait_until_gone(std::string_view path, std::chrono::milliseconds timeout = 10s);
-    std::string signature(std::string_view path);  // as JSON, "" without such an object
-    bool hold(std::string_view path);              // registers an object of ours at `path`
+    bool hold(std::string_view path);  // registers an object of ours at `path`
 
     // Records the events matching `pattern` as "type data-as-JSON".
     bool listen(std::string_view pattern);

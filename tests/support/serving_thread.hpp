@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -12,7 +13,9 @@ namespace bus_test {
 
 class ServingThread {
 public:
-    explicit ServingThread(const std::string& socket);  // connects, or throws
+    explicit ServingThread(const std::string& socket) {  // connects, or throws
+        if (bus_.connect(socket) != ubus::kOk) throw std::runtime_error("cannot connect to " + socket);
+    }
     ~ServingThread() { stop(); }
     ServingThread(const ServingThread&) = delete;
     ServingThread& operator=(const ServingThread&) = delete;
@@ -20,9 +23,23 @@ public:
     // From start() until stop() the connection belongs to the serving thread and its handlers.
     ubus::Connection& bus() { return bus_; }
     // Registers `path` with these methods (before start()); throws when the broker refuses.
-    std::uint32_t add(std::string_view path, std::initializer_list<ubus::MethodDef> methods);
-    void start();
-    void stop();
+    std::uint32_t add(std::string_view path, std::initializer_list<ubus::MethodDef> methods) {
+        const ubus::AddResult added = bus_.add_object(path, ubus::ObjectType::make(methods));
+        if (added.status != ubus::kOk) throw std::runtime_error("cannot register " + std::string(path));
+        return added.id;
+    }
+    void start() {
+        stopping_ = false;
+        // The wait per round only bounds how long stop() takes.
+        thread_ = std::thread([this] {
+            while (!stopping_ && bus_.dispatch(20) == ubus::kOk) {
+            }
+        });
+    }
+    void stop() {
+        stopping_ = true;
+        if (thread_.joinable()) thread_.join();
+    }
 
 private:
     ubus::Connection bus_;
