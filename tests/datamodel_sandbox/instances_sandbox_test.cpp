@@ -91,45 +91,4 @@ TEST_F(DataModelInGateway, CreateDeleteAndSetEachSendTheirRequestThenCommitAndNo
             R"(":[2]},"params":{"InternetGatewayDevice.SoftwareModules.ExecutionUnit.7.AutoStart":"0"},"commits":9})");
 }
 
-TEST_F(DataModelInGateway, AnAgentThatIsAbsentSlowOrRefusingGivesNoInstance) {
-    ASSERT_TRUE(gw_->set_fault("datamodel", "absent"));
-    EXPECT_EQ(inside([](std::string& text) {
-                  text = std::to_string(package_xml_create_du_instance());
-                  package_xml_del_instance(DM_INSTANCE_DU, operation(4, {}, 0));
-                  package_xml_set_eu_autostart(4, "0");
-              }),
-              "0");
-    ASSERT_TRUE(gw_->set_fault("datamodel", "normal"));
-    EXPECT_TRUE(requests().empty());
-    // A slow or refusing one still gets the commit.
-    for (const char* mode : {"slow", "refuse"}) {
-        SCOPED_TRACE(mode);
-        ASSERT_TRUE(gw_->set_fault("datamodel", mode));
-        const std::string out =
-            inside([](std::string& text) { text += ' ' + std::to_string(package_xml_create_eu_instance()); });
-        const std::string pid = out.substr(0, out.find(' '));
-        EXPECT_EQ(out, pid + " 0");
-        EXPECT_EQ(requests(), (std::vector<std::string>{add(pid, kEu), "commit {}"}));
-        ASSERT_TRUE(gw_->set_fault("datamodel", "normal"));
-        ASSERT_TRUE(gw_->sim_reset());
-    }
-}
-
-TEST_F(DataModelInGateway, ListenersReceiveTheOperationResultCompletedAtItsSending) {
-    gwtest::Client listener(*gw_);
-    ASSERT_TRUE(listener.listen(kOperationResultEvent));
-    inside([](std::string&) {
-        package_response2lcm(operation_info{}, kFaultNone);  // no package: nothing
-        operation_info removal = operation(2, {5}, 0);
-        removal.type = OPERATION_REMOVE;
-        removal.time = "2024-03-05T07:00:00+00:00";
-        package_response2lcm(removal, kFaultRequestDenied);
-    });
-    // Its members are the unit tests' business; here it reaches a listener, completed when sent.
-    ASSERT_EQ(listener.events(1).size(), 1u);
-    EXPECT_TRUE(std::regex_search(listener.events(1)[0],
-                                  std::regex(R"("FaultCode":9001,.*"CompleteTime":"\d{4}-\d\d-\d\dT)")))
-        << listener.events(1)[0];
-}
-
 }  // namespace

@@ -174,19 +174,6 @@ TEST_F(Operation, UpdateFailuresRestartTheUnitsAndKeepTheRecords) {
     }
 }
 
-TEST_F(Operation, UpdateReplacesTheUnits) {
-    pkg.du.index = 5;
-    pkg.du.uuid = "kept";
-    pkg.eu.push_back({3, ".3", "old"});
-    rig.ctx.records.store_eu(pkg);
-    ASSERT_EQ(package_opkg_update_operate(rig.ctx, op), 0);
-    EXPECT_EQ(story(), "event 23|log Start|report 0|event 25|log Update");
-    EXPECT_EQ(rig.only("delete"), strings{"delete 2"});
-    EXPECT_TRUE(!rig.exists("/usr/local/package/eu/3") && rig.exists("/usr/local/package/eu/7"));
-    EXPECT_EQ(pkg.du.uuid, "kept");
-    EXPECT_TRUE(rig.exists("/tmp/hello_1.0_arm.ipk") && rig.exists("/tmp/.ipk.conf"));
-}
-
 TEST_F(Operation, Remove) {
     pkg.du.name = "hello";
     pkg.du.index = 5;
