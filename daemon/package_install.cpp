@@ -14,17 +14,10 @@ using ubus::Type;
 
 // What the bus shows as the arguments; callers send a nested "Source" table, read with
 // package_install_policy and the shared source policies.
-constexpr ubus::Policy package_install_list_policy[] = {
-    {"Id", Type::String},
-    {"UUID", Type::String},
-    {"Source.Protocol", Type::String},
-    {"Source.Address", Type::String},
-    {"Source.Port", Type::Int32},
-    {"Source.Resource", Type::String},
-    {"Source.Credentials.Username", Type::String},
-    {"Source.Credentials.Password", Type::String},
-    {"DisableAutoStart", Type::Bool},
-};
+constexpr ubus::Policy install_identity_list[] = {{"Id", Type::String}, {"UUID", Type::String}};
+constexpr ubus::Policy install_options_list[] = {{"DisableAutoStart", Type::Bool}};
+constexpr auto package_install_list_policy =
+    join_policies(install_identity_list, source_list_policy, install_options_list);
 
 constexpr ubus::Policy package_install_policy[] = {
     {"Id", Type::String},

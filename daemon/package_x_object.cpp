@@ -17,16 +17,9 @@ constexpr ubus::Policy package_x_set_policy[] = {
     {"Enabled", Type::Bool},
 };
 
-// What the bus shows as the arguments of "Update" and "IsLatestVersion"; callers send a nested
-// "Source" table, read with package_x_update_policy and the shared source policies.
-constexpr ubus::Policy package_x_update_list_policy[] = {
-    {"Source.Protocol", Type::String},
-    {"Source.Address", Type::String},
-    {"Source.Port", Type::Int32},
-    {"Source.Resource", Type::String},
-    {"Source.Credentials.Username", Type::String},
-    {"Source.Credentials.Password", Type::String},
-};
+// What the bus shows as the arguments of "Update" and "IsLatestVersion": the Source alone, read
+// with package_x_update_policy and the shared source policies.
+constexpr const auto& package_x_update_list_policy = source_list_policy;
 
 constexpr ubus::Policy package_x_update_policy[] = {
     {"Source", Type::Table},

@@ -3,6 +3,9 @@
 // {"Source": {"Protocol": ..., "Credentials": {"Username": ..., "Password": ...}}}.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <iterator>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -26,6 +29,27 @@ enum source_field {
     SOURCE_COUNT
 };
 static_assert(SOURCE_COUNT == std::size(package_install_source_policy));
+
+// What the bus shows of a "Source" table among a method's arguments: its members under flat,
+// dotted names. Callers send the nested table; these names only describe it.
+inline constexpr ubus::Policy source_list_policy[] = {
+    {"Source.Protocol", ubus::Type::String},
+    {"Source.Address", ubus::Type::String},
+    {"Source.Port", ubus::Type::Int32},
+    {"Source.Resource", ubus::Type::String},
+    {"Source.Credentials.Username", ubus::Type::String},
+    {"Source.Credentials.Password", ubus::Type::String},
+};
+
+// Argument lists joined in order, for a method that advertises the Source's among its own.
+template <std::size_t... N>
+constexpr std::array<ubus::Policy, (N + ...)> join_policies(const ubus::Policy (&... parts)[N]) {
+    std::array<ubus::Policy, (N + ...)> joined{};
+    std::size_t at = 0;
+    ((std::copy(std::begin(parts), std::end(parts), joined.begin() + static_cast<std::ptrdiff_t>(at)), at += N),
+     ...);
+    return joined;
+}
 
 inline constexpr ubus::Policy package_install_credential_policy[] = {
     {"Username", ubus::Type::String},
