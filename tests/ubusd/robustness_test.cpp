@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include "broker_process.hpp"
-#include "pipe_text.hpp"
-#include "raw_client.hpp"
 
 namespace bus_test {
 namespace {
