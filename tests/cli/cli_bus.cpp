@@ -39,12 +39,6 @@ Output finish(bus_test::Child& cli) {
     return {cli.out, cli.err, bus_test::exit_code(status)};
 }
 
-Output run_cli(std::vector<std::string> args) {
-    args.insert(args.begin(), {"ubus", "-s", "ubus.sock"});
-    CliProcess cli(args);
-    return finish(cli);
-}
-
 std::string run_in_terminal(const std::string& command) {
     const std::string& dir = demo_bus().dir.path();
     int master = -1;

@@ -35,8 +35,6 @@ struct Output {
 };
 std::ostream& operator<<(std::ostream& os, const Output& o);
 Output finish(bus_test::Child& cli);
-// Runs `ubus -s ubus.sock ARGS...` to its end.
-Output run_cli(std::vector<std::string> args);
 
 // Runs `sh -c <command>` on a pseudo-terminal in the bus's directory, the tool first in PATH, and
 // returns what appeared on the terminal with "\r\n" turned back into "\n".

@@ -24,8 +24,6 @@ public:
     }
     const std::string& socket() const { return socket_; }
     int stop() { return broker_.stop(SIGTERM); }  // the wait status
-    // True once the broker sleeps in its event loop: it has done all it can with what it was sent.
-    bool wait_until_idle() const { return broker_.wait_until_serving(); }
 
 private:
     TempDir dir_;

@@ -69,28 +69,5 @@ TEST(Events, PatternsChooseListenersEachObjectGetsOneCopyNumberedBrokerWideAndTh
     ASSERT_EQ(sender.sync().size(), 1u);
 }
 
-TEST(Events, BadRegistrationsAndSendsAreRefusedWithTheirCodes) {
-    BrokerProcess broker;
-    RawClient c(broker.socket()), stranger(broker.socket());
-    const std::uint32_t mine = add_object(c, std::nullopt), theirs = add_object(stranger, std::nullopt);
-    ubus::BlobBuf no_object, data_not_table;
-    no_object.add_string("pattern", "x");
-    data_not_table.add_string("id", "x");
-    data_not_table.add_string("data", "y");
-    ubus::MsgBuf no_data(ubus::MsgType::Invoke, 9, ubus::kEventObject);
-    no_data.put_u32(ubus::kAttrObjId, ubus::kEventObject);
-    no_data.put_string(ubus::kAttrMethod, "send");
-
-    EXPECT_EQ(c.status_of(invoke_msg(1, ubus::kEventObject, "register", no_object)), ubus::kInvalidArgument);
-    EXPECT_EQ(c.status_of(register_msg(2, ubus::kMonitorObject, "x")), ubus::kPermissionDenied);
-    EXPECT_EQ(c.status_of(register_msg(3, 0x7777777, "x")), ubus::kNotFound);
-    EXPECT_EQ(c.status_of(register_msg(4, theirs, "x")), ubus::kPermissionDenied);
-    EXPECT_EQ(c.status_of(register_msg(5, mine, "")), ubus::kPermissionDenied);
-    EXPECT_EQ(c.status_of(invoke_msg(6, ubus::kEventObject, "send", data_not_table)), ubus::kInvalidArgument);
-    EXPECT_EQ(c.status_of(event_msg(7, "ubus.object.add")), ubus::kPermissionDenied);
-    EXPECT_EQ(c.status_of(std::move(no_data)), ubus::kInvalidArgument);
-    EXPECT_EQ(c.status_of(register_msg(10, mine, "x")), ubus::kOk);
-}
-
 }  // namespace
 }  // namespace bus_test

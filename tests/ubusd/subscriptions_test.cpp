@@ -69,26 +69,5 @@ TEST(Subscriptions, TheOwnerHearsOnlyOfTheFirstAndLastSubscriberAndANotifyNamesT
     EXPECT_EQ(inactive->attrs().u8(ubus::kAttrActive), 0);
 }
 
-TEST(Subscriptions, BadRequestsAreRefusedWithTheirCodes) {
-    BrokerProcess broker;
-    RawClient owner(broker.socket()), other(broker.socket());
-    const std::uint32_t target = add_object(owner, "demo");
-    const std::uint32_t own_anon = add_object(owner, std::nullopt, 2), sub = add_object(other, std::nullopt);
-    ubus::MsgBuf no_target(MsgType::Subscribe, 1, 0), no_method(MsgType::Notify, 7, target);
-    no_target.put_u32(ubus::kAttrObjId, sub);
-    no_method.put_u32(ubus::kAttrObjId, target);
-
-    EXPECT_EQ(other.status_of(std::move(no_target)), ubus::kInvalidArgument);
-    EXPECT_EQ(other.status_of(watch_msg(MsgType::Subscribe, 2, 0x1234567, target)), ubus::kNotFound);
-    EXPECT_EQ(other.status_of(watch_msg(MsgType::Subscribe, 3, own_anon, target)), ubus::kInvalidArgument);
-    EXPECT_EQ(other.status_of(watch_msg(MsgType::Subscribe, 4, sub, 0x1234567)), ubus::kNotFound);
-    EXPECT_EQ(other.status_of(watch_msg(MsgType::Subscribe, 5, sub, ubus::kEventObject)), ubus::kNotFound);
-    EXPECT_EQ(owner.status_of(watch_msg(MsgType::Subscribe, 6, own_anon, target)), ubus::kInvalidArgument);
-    EXPECT_EQ(owner.status_of(std::move(no_method)), ubus::kInvalidArgument);
-    EXPECT_EQ(owner.status_of(notify_msg(8, 0x1234567)), ubus::kNotFound);
-    EXPECT_EQ(other.status_of(notify_msg(9, target)), ubus::kPermissionDenied);
-    EXPECT_TRUE(owner.sync().empty()) << "no subscription was made";
-}
-
 }  // namespace
 }  // namespace bus_test
