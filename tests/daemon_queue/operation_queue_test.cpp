@@ -45,19 +45,7 @@ TEST_F(Queue, OneWorkerAtATimeOldestFirstWhateverTheWorkerEndedWith) {
     EXPECT_FALSE(queue.is_pending);
 }
 
-TEST_F(Queue, CancelKillsTheRunningOneAtOnceAndLeavesWaitingOnesAlone) {
-    add(1);
-    add(2);
-    EXPECT_EQ(opkg_cancel(queue, workers, 2, 1, 1), kQueueOk);  // waiting: runs later all the same
-    EXPECT_EQ(opkg_cancel(queue, workers, 1, 1, 7), kQueueNotFound);
-    EXPECT_EQ(opkg_cancel(queue, workers, 1, 1, 1), kQueueOk);
-    EXPECT_EQ(workers.killed, (std::vector<pid_t>{100}));
-    EXPECT_EQ(queue._info.size(), 1u);
-    EXPECT_EQ(opkg_cancel(queue, workers, 1, 1, 1), kQueueNotFound);
-    workers.exit(100);  // the killed worker is reaped: the next one starts
-    EXPECT_EQ(workers.started, (std::vector<std::int32_t>{1, 2}));
-}
-
+// Cancelling through the operations object, and what it kills, is in the requests test.
 TEST_F(Queue, AFailedStartWithdrawsOnlyTheNewRequestAndTheOldestRunsNextTime) {
     add(1);
     workers.fail_start = true;

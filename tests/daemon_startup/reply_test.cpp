@@ -31,13 +31,6 @@ TEST(ReplyEnvelope, HeaderNamesTheOutcomeAndTheBodyFollowsOnlyWhenGiven) {
     for (std::int32_t result : {-1, 12, 1000}) EXPECT_EQ(envelope(result, body.root()), "{}") << result;
 }
 
-TEST(ResourceUsage, AFractionOfTheTotalAndZeroWithoutATotal) {
-    EXPECT_DOUBLE_EQ(resource_usage({1000, 250}), 0.75);
-    EXPECT_DOUBLE_EQ(resource_usage({0, 5}), 0.0);
-    // Large figures are not computed in 32-bit arithmetic.
-    EXPECT_DOUBLE_EQ(resource_usage({2147483647, -2147483647 - 1}), 4294967295.0 / 2147483647.0);
-}
-
 TEST(ObjectNames, EachIsCutToItsOwnBuffer) {
     const std::string id(300, 'i');
     const std::string environment = ("Services.Management.LCM.ExecutionEnvironments." + id).substr(0, 255);

@@ -26,19 +26,13 @@ TEST(AddReply, TheFirstTrueMemberOfAnInstanceTableNamesTheInstance) {
          R"("InternetGatewayDevice.SoftwareModules.ExecutionUnit.":{"4":true}})", 4},
         // Replies without a new instance leave the result alone.
         {R"({})", 42},
-        {R"({"ok":{"3":true}})", 42},
         {R"({"3":true})", 42},
         {R"({"InternetGatewayDevice.SoftwareModules.DeploymentUnit":{"3":true}})", 42},  // no trailing dot
         {"{" + std::string(kDu) + R"(:["3",true]})", 42},                                // not a table
         {"{" + std::string(kDu) + R"(:{"3":1,"4":"true","5":false}})", 42},
-        {"{" + std::string(kDu) + R"(:{"6":{"7":true}}})", 42},
         // Names read like atoi: what reads as zero or less is no instance, gives 0 and ends the search.
         {"{" + std::string(kDu) + R"(:{"abc":true,"9":true}})", 0},
-        {"{" + std::string(kDu) + R"(:{"-4":true,"9":true}})", 0},
-        {"{" + std::string(kDu) + R"(:{"0":true,"9":true}})", 0},
         {"{" + std::string(kDu) + R"(:{"12x":true,"9":true}})", 12},
-        {"{" + std::string(kDu) + R"(:{" 3":true,"9":true}})", 3},
-        {"{" + std::string(kDu) + R"(:{"+7":true}})", 7},
         {"{" + std::string(kDu) + R"(:{"4294967297":true}})", 2147483647},
     };
     for (const auto& [json, expected] : cases) {

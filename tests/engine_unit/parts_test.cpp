@@ -118,15 +118,5 @@ TEST(OpkgConf, LinesModeAndTheFeedRefresh) {
               std::string::npos);
 }
 
-TEST(PackageTexts, ChecksumListAndControlName) {
-    using digests = std::array<std::optional<std::string>, 2>;
-    EXPECT_EQ(read_checksum_digests("aa data.tar.gz\nbb  control.tar.gz\n"), (digests{"aa", "bb "}));
-    EXPECT_EQ(read_checksum_digests("aa data.tar.gz\n"), (digests{"aa", std::nullopt}));
-    EXPECT_EQ(read_checksum_digests(std::string(1030, 'a') + " x\n"),
-              (digests{std::nullopt, std::string(7, 'a')}));
-    EXPECT_EQ(check_control_name("Version: 1\nPackage:  \thello\n", "hello"), 0);
-    EXPECT_EQ(check_control_name("Package: hello\nPackage: hello \n", "hello"), -1);
-}
-
 }  // namespace
 }  // namespace pkgd::testing

@@ -1,10 +1,9 @@
-// Packages at run time inside a gateway: the LCM events on the bus, and the run state of a program
-// that really runs, found through the package's own paths to it. (Starting and stopping through
-// the service manager is driven through pkgd's own objects in the requests and waits tests.)
+// Packages at run time inside a gateway: the run state of a program that really runs, found
+// through the package's own paths to it. (Starting and stopping through the service manager is
+// driven through pkgd's own objects in the requests and waits tests.)
 #include <cstdint>
 #include <filesystem>
 
-#include "pkgd/lcm_events.hpp"
 #include "pkgd/run_state.hpp"
 #include "worker.hpp"
 
@@ -29,28 +28,7 @@ sandbox::GatewayOptions gateway_with_packages() {
     return options;
 }
 
-std::string event(const lcm_event& e, std::string_view body) {
-    return std::string(kLcmEventType) + R"( {"Header":{"Code":)" + std::to_string(e.code) + R"(,"Name":")" +
-           std::string(e.name) + "\"}" + std::string(body) + "}";
-}
-class PackagesInGateway : public gwtest::SharedGateway<gateway_with_packages> {
-protected:
-    void SetUp() override {
-        ASSERT_NO_FATAL_FAILURE(SharedGateway::SetUp());
-        ASSERT_TRUE(events_.listen(kLcmEventType));
-    }
-    gwtest::Client events_{*gw_};
-};
-
-TEST_F(PackagesInGateway, EventsCarryABodyWhenGivenAKeyEvenWithAnEmptyValue) {
-    run_as_worker(*gw_, [](std::string&) {
-        package_event(kLcmExecEnvAdded, kLcmExecEnvIdKey, "");
-        package_event(kLcmDeleteFailed, "", "no body");
-    });
-    EXPECT_EQ(events_.events(2),
-              (std::vector<std::string>{event(kLcmExecEnvAdded, R"(,"Body":{"ExecutionEnvironmentId":""})"),
-                                        event(kLcmDeleteFailed, "")}));
-}
+using PackagesInGateway = gwtest::SharedGateway<gateway_with_packages>;
 
 TEST_F(PackagesInGateway, AProgramRunsWhenReachedThroughAHardOrASymbolicLink) {
     // The status of a package reaching the program by a hard link, and of one reaching it by a
