@@ -131,15 +131,6 @@ TEST_F(OpkgSandbox, DownloadLeavesTheWholeFileOrNothing) {
     EXPECT_TRUE(fs::is_empty(gw_->path("/var/dl")));
 }
 
-TEST_F(OpkgSandbox, Sha256sumLeavesTheBareDigestBesideTheFile) {
-    put("/tmp/work/data.tar.gz", "abc");
-    const sandbox::CommandResult r = opkg({"sha256sum", "/tmp/work/data.tar.gz"});
-    const std::string digest = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-    EXPECT_EQ(r.out, digest + "\n");
-    EXPECT_EQ(read("/tmp/work/data.tar.gz.sha256"), digest);  // no line end: compared as read
-    EXPECT_EQ(opkg({"sha256sum", "/tmp/work/none"}).exit_code, 1);
-}
-
 TEST_F(OpkgSandbox, InstallUpgradeAndRemoveKeepFilesAndRecordsInStep) {
     const std::map<std::string, std::string> scripts{{"postinst", script("tool-postinst", "")},
                                                      {"prerm", script("tool-prerm", "")}};
