@@ -16,12 +16,6 @@ constexpr ubus::Policy kPolicy[] = {
     {"d", ubus::Type::Table},  {"e", ubus::Type::Array}, {"", ubus::Type::Int8},
 };
 
-bool hook(ubus::Attr a, std::string& out) {
-    if (a.type() != ubus::Type::Int64) return false;
-    out += "I64";
-    return true;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -29,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     // The bytes as the members of a table, like a DATA payload.
     ubus::JsonFormat with_hook = ubus::JsonFormat::indented();
-    with_hook.element_hook = hook;
+    with_hook.element_hook = ubus::json_type_name_hook;
     ubus::BlobBuf copy;
     std::string element;
     for (ubus::Attr a : ubus::AttrList(in)) {

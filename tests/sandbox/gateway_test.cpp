@@ -1,11 +1,8 @@
 // Bringing a gateway up and down: what a process inside may touch, its PID namespace and syslog,
-// what a killed launcher leaves behind, start-up failures, and the unprivileged (user namespace)
-// path.
+// and what a killed launcher leaves behind.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
 
 #include "gateway_client.hpp"
 #include "poll.hpp"
@@ -23,8 +20,6 @@ std::vector<pid_t> survivors(const char* kind, const std::string& id) {
     testsupport::poll_until(10s, [&] { return (left = processes_in_namespace(kind, id)).empty(); }, 20ms);
     return left;
 }
-
-constexpr std::string_view kEnvironment = "Services.Management.LCM.ExecutionEnvironments.System";
 
 GatewayOptions with_pkgd() {
     GatewayOptions options = gwtest::named_gateway();
@@ -86,42 +81,6 @@ TEST(Gateway, KillingTheLauncherLeavesNoProcessAndNoMountBehind) {
     EXPECT_FALSE(host_has_mounts_below(gw.root()));
     // The helper that started the sleeper on the host notices that its program died.
     EXPECT_EQ(sleeper.wait(10s), 128 + SIGKILL);
-}
-
-TEST(Gateway, StartUpFailuresAreReportedNotWaitedOut) {
-    GatewayOptions missing = gwtest::named_gateway();
-    missing.broker_path = "/nonexistent/ubusd";
-    GatewayOptions dying = gwtest::named_gateway();
-    dying.broker_path = "/bin/false";
-    const std::pair<GatewayOptions, const char*> cases[] = {{missing, "/nonexistent/ubusd"},
-                                                            {dying, "the broker exited during start-up"}};
-    for (const auto& [options, reason] : cases) {
-        Gateway gw(options);
-        EXPECT_FALSE(gw.up());
-        EXPECT_NE(gw.error().find(reason), std::string::npos) << gw.error();
-    }
-}
-
-TEST(Gateway, UnprivilegedCallerRunsItInAUserNamespace) {
-    const Credentials nobody{65534, 65534};
-    // The build tree must be reachable for that user, and the host must allow user namespaces.
-    SpawnSpec probe;
-    probe.argv = {"/bin/sh", "-c", std::string("test -x ") + PKGD_BINARY + " && unshare -U -r true"};
-    probe.env = environment_with({});
-    probe.user = nobody;
-    if (!run_command(probe, 10s).ok()) GTEST_SKIP() << "no user namespaces for an unprivileged user here";
-
-    GatewayOptions options = with_pkgd();
-    options.user = nobody;
-    Gateway gw(options);
-    ASSERT_TRUE(gw.up()) << gw.error();
-    CommandResult inside =
-        gw.sh("id -u; touch /usr/lib/opkg/info/made-inside; touch /usr/lib64/x 2>/dev/null || echo ro");
-    EXPECT_EQ(inside.out, "0\nro\n") << inside.err;
-    struct stat st {};
-    ASSERT_EQ(::stat(gw.path("/usr/lib/opkg/info/made-inside").c_str(), &st), 0);
-    EXPECT_EQ(st.st_uid, nobody.uid);  // root inside is the caller outside
-    EXPECT_TRUE(gwtest::Client(gw).wait_for_object(kEnvironment));
 }
 
 }  // namespace

@@ -131,15 +131,6 @@ TEST_F(OpkgSandbox, DownloadLeavesTheWholeFileOrNothing) {
     EXPECT_TRUE(fs::is_empty(gw_->path("/var/dl")));
 }
 
-TEST_F(OpkgSandbox, Sha256sumLeavesTheBareDigestBesideTheFile) {
-    put("/tmp/work/data.tar.gz", "abc");
-    const sandbox::CommandResult r = opkg({"sha256sum", "/tmp/work/data.tar.gz"});
-    const std::string digest = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-    EXPECT_EQ(r.out, digest + "\n");
-    EXPECT_EQ(read("/tmp/work/data.tar.gz.sha256"), digest);  // no line end: compared as read
-    EXPECT_EQ(opkg({"sha256sum", "/tmp/work/none"}).exit_code, 1);
-}
-
 TEST_F(OpkgSandbox, InstallUpgradeAndRemoveKeepFilesAndRecordsInStep) {
     const std::map<std::string, std::string> scripts{{"postinst", script("tool-postinst", "")},
                                                      {"prerm", script("tool-prerm", "")}};
@@ -156,7 +147,6 @@ TEST_F(OpkgSandbox, InstallUpgradeAndRemoveKeepFilesAndRecordsInStep) {
     EXPECT_EQ(read("/usr/lib/opkg/info/tool.list"),
               "/opt/tool/bin\n/opt/tool/old.conf\n/opt/tool/lib/x\n/etc/init.d/tool\n");
     EXPECT_EQ(read("/tmp/tool-postinst.log"), "configure\n");
-    EXPECT_EQ(opkg({"list-installed"}).out, "tool - 1.0\n");
 
     put("/tmp/tool_2.ipk", ipk(control("tool", "2.0"),
                                {file_entry("opt/tool/bin", "v2", 0755), feed::symlink_entry("opt/tool/ln", "bin"),
@@ -170,7 +160,6 @@ TEST_F(OpkgSandbox, InstallUpgradeAndRemoveKeepFilesAndRecordsInStep) {
     EXPECT_EQ(read("/usr/lib/opkg/info/tool.list"), "/opt/tool/bin\n/opt/tool/ln\n/etc/init.d/tool\n");
     EXPECT_EQ(read("/tmp/tool-prerm.log"), "upgrade\n");
     EXPECT_EQ(read("/tmp/tool-postinst.log"), "configure\nconfigure\n");
-    EXPECT_NE(opkg({"info", "tool"}).out.find("Version: 2.0"), std::string::npos);
 
     ASSERT_TRUE(opkg({"remove", "tool"}).ok());
     EXPECT_EQ(read("/tmp/tool-prerm.log"), "upgrade\nremove\n");
@@ -179,7 +168,6 @@ TEST_F(OpkgSandbox, InstallUpgradeAndRemoveKeepFilesAndRecordsInStep) {
         EXPECT_FALSE(exists(gone)) << gone;
     EXPECT_TRUE(exists("/etc/init.d"));  // the gateway's, not the package's
     EXPECT_EQ(opkg({"remove", "tool"}).exit_code, 1);
-    EXPECT_EQ(opkg({"info", "tool"}).exit_code, 1);
 }
 
 TEST_F(OpkgSandbox, RefusedInstallChangesNothing) {
