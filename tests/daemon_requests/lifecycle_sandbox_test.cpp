@@ -52,17 +52,6 @@ std::string publish(const sandbox::Gateway& gw, const fs::path& dir, V& records,
     return gw.feed_url("http") + "/" + file;
 }
 
-// The LCM event codes and each result's fault code, in order of arrival.
-V story(const V& events) {
-    V out;
-    for (const std::string& e : events)
-        for (const std::string key : {"\"Code\":", "\"FaultCode\":"})
-            if (const auto at = e.find(key); at != std::string::npos)
-                out.push_back((key[1] == 'F' ? "result " : "") +
-                              e.substr(at + key.size(), e.find_first_of(",}", at) - at - key.size()));
-    return out;
-}
-
 TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughTheBus) {
     std::string pattern = std::string(REQUESTS_FEED_SCRATCH_DIR) + "/feed-XXXXXX";
     const fs::path dir = ::mkdtemp(pattern.data());
@@ -101,7 +90,7 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
 
     const std::string v1 = publish(gw, dir, records, "1.0");
     EXPECT_EQ(operate("Install", 1, R"(,"URL":")" + v1 + "\"" + creds), 0);
-    EXPECT_EQ(story(bus.events(5, 60s)), (V{"20", "6", "21", "result 0", "8"}));
+    EXPECT_EQ(bus.story(5, 60s), (V{"20", "6", "21", "result 0", "8"}));
     EXPECT_TRUE(shows("1", R"("Version":"1.0")") && shows("1", R"("Status":"Installed")")) << get("1");
     const std::string list = bus.call(kOps, "List").first();
     const auto uuid_at = list.find(R"("UUID":")") + 8;
@@ -135,7 +124,7 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
               R"({"Header":{"Name":"OK"},"Body":{"Id":"mine"}})");
     EXPECT_EQ(bus.call(kPackages + ".mine", "Delete").first(), ok);
     EXPECT_TRUE(bus.wait_until_gone(kPackages + ".mine", 60s));
-    EXPECT_EQ(story(bus.events(22, 60s)),
+    EXPECT_EQ(bus.story(22, 60s),
               (V{"20", "6",  "21",       "result 0", "8",  "10",       "11", "23", "11", "result 0", "25",
                  "22", "13", "result 0", "20",       "6",  "21", "result 0", "8",  "22", "13",       "result 0"}));
 }

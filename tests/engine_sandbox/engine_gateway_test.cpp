@@ -119,19 +119,6 @@ protected:
         return r.ok() ? std::stoi(r.out) : -99;
     }
 
-    // The codes of the LCM events about package `id` and the result's fault code, in order.
-    static std::vector<std::string> story(gwtest::Client& bus, std::size_t count) {
-        std::vector<std::string> out;
-        for (const std::string& e : bus.events(count, std::chrono::seconds(30))) {
-            const std::size_t code = e.find("\"Code\":");
-            const std::size_t fault = e.find("\"FaultCode\":");
-            if (code != std::string::npos) out.push_back(e.substr(code + 7, e.find_first_of(",}", code) - code - 7));
-            if (fault != std::string::npos)
-                out.push_back("result " + e.substr(fault + 12, e.find_first_of(",}", fault) - fault - 12));
-        }
-        return out;
-    }
-
     static gwtest::Client listener() {
         gwtest::Client bus(*gw_);
         EXPECT_TRUE(bus.listen("Services.Management.LCM"));
@@ -155,7 +142,7 @@ TEST_F(EngineInGateway, InstallOverEachTransportThenRemoveLeavesNothingBehind) {
         const std::string id = std::to_string(++n);
         gwtest::Client bus = listener();
         ASSERT_EQ(operate(OPERATION_INSTALL, id, url(scheme, file)), 0);
-        EXPECT_EQ(story(bus, 5), (V{"20", "6", "21", "result 0", "8"}));
+        EXPECT_EQ(bus.story(5), (V{"20", "6", "21", "result 0", "8"}));
         EXPECT_TRUE(fs::exists(gw_->path("/usr/bin/hello")));
         EXPECT_TRUE(fs::exists(gw_->path("/usr/local/package/pkg/" + id)));
         struct stat st {};
@@ -166,7 +153,7 @@ TEST_F(EngineInGateway, InstallOverEachTransportThenRemoveLeavesNothingBehind) {
 
         gwtest::Client after = listener();
         ASSERT_EQ(operate(OPERATION_REMOVE, id, ""), 0);
-        EXPECT_EQ(story(after, 3), (V{"22", "13", "result 0"}));
+        EXPECT_EQ(after.story(3), (V{"22", "13", "result 0"}));
         EXPECT_FALSE(fs::exists(gw_->path("/usr/bin/hello")));
         EXPECT_FALSE(fs::exists(gw_->path("/usr/local/package/pkg/" + id)));
         EXPECT_EQ(gwtest::sim_state(*gw_, "catalog").find("\"ExecutionUnit\":{\""), std::string::npos);
@@ -223,7 +210,7 @@ TEST_F(EngineInGateway, FailedInstallsReportTheirFaultAndUndo) {
         const std::size_t du_files = files_in(gw_->path("/usr/local/package/du"));
         gwtest::Client bus = listener();
         EXPECT_EQ(operate(OPERATION_INSTALL, std::to_string(++id), package_url), -1);
-        EXPECT_EQ(story(bus, c.story.size()), c.story);
+        EXPECT_EQ(bus.story(c.story.size()), c.story);
         EXPECT_TRUE(gw_->set_fault("datamodel", "normal"));
         if (c.name != "owner") {
             EXPECT_FALSE(fs::exists(gw_->path("/usr/bin/" + c.name)));
@@ -253,7 +240,7 @@ TEST_F(EngineOnASmallDisk, APackageTooLargeForTheDiskIsRefused) {
         publish("big", "1.0", feed::Hostile::none, "utils", {feed::file_entry("usr/share/big.bin", payload)});
     gwtest::Client bus = listener();
     EXPECT_EQ(operate(OPERATION_INSTALL, "1", url("http", file)), -1);
-    EXPECT_EQ(story(bus, 3), (V{"20", "result 9027", "7"}));
+    EXPECT_EQ(bus.story(3), (V{"20", "result 9027", "7"}));
     EXPECT_FALSE(fs::exists(gw_->path("/tmp/" + file)));
 }
 
@@ -266,7 +253,7 @@ TEST_F(EngineInGateway, UpdateTakesTheFeedsNewVersionAndFailuresKeepWhatIsInstal
     gwtest::Client bus = listener();
     ASSERT_EQ(operate(OPERATION_UPDATE, "200", url("http", v2)), 0);
     // The units are stopped through the service manager before the new version goes in.
-    EXPECT_EQ(story(bus, 4), (V{"23", "11", "result 0", "25"}));
+    EXPECT_EQ(bus.story(4), (V{"23", "11", "result 0", "25"}));
     EXPECT_NE(gwtest::read_text(gw_->path("/usr/lib/opkg/info/tool.control")).find("Version: 1.10"),
               std::string::npos);
     EXPECT_EQ(operate(-1, "200", url("http", v2)), 0);
@@ -276,7 +263,7 @@ TEST_F(EngineInGateway, UpdateTakesTheFeedsNewVersionAndFailuresKeepWhatIsInstal
     fs::remove(g_feed_dir / v3);
     gwtest::Client failed = listener();
     operate(OPERATION_UPDATE, "200", url("http", v3));
-    EXPECT_EQ(story(failed, 4), (V{"23", "result 9017", "24", "10"}));
+    EXPECT_EQ(failed.story(4), (V{"23", "result 9017", "24", "10"}));
     EXPECT_NE(gwtest::read_text(gw_->path("/usr/lib/opkg/info/tool.control")).find("Version: 1.10"),
               std::string::npos);
 
@@ -284,7 +271,7 @@ TEST_F(EngineInGateway, UpdateTakesTheFeedsNewVersionAndFailuresKeepWhatIsInstal
     ASSERT_TRUE(gw_->run({"opkg", "remove", "tool"}).ok());
     gwtest::Client refused = listener();
     EXPECT_EQ(operate(OPERATION_REMOVE, "200", ""), -1);
-    EXPECT_EQ(story(refused, 3), (V{"22", "result 9001", "14"}));
+    EXPECT_EQ(refused.story(3), (V{"22", "result 9001", "14"}));
     EXPECT_TRUE(fs::exists(gw_->path("/usr/local/package/pkg/200")));
 }
 
@@ -292,10 +279,10 @@ TEST_F(EngineInGateway, AnEnvironmentPackageIsAnnouncedAddedAndDeleted) {
     const std::string file = publish("lxc-box", "1.0", feed::Hostile::none, "LXC container");
     gwtest::Client bus = listener();
     ASSERT_EQ(operate(OPERATION_INSTALL, "300", url("http", file)), 0);
-    EXPECT_EQ(story(bus, 6), (V{"20", "6", "21", "result 0", "8", "1"}));
+    EXPECT_EQ(bus.story(6), (V{"20", "6", "21", "result 0", "8", "1"}));
     gwtest::Client after = listener();
     ASSERT_EQ(operate(OPERATION_REMOVE, "300", ""), 0);
-    EXPECT_EQ(story(after, 4), (V{"22", "5", "13", "result 0"}));
+    EXPECT_EQ(after.story(4), (V{"22", "5", "13", "result 0"}));
 }
 
 // Request data never reaches a shell: texts a shell would run are plain, failing names.

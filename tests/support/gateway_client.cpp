@@ -130,4 +130,14 @@ void write_script(const std::filesystem::path& file, std::string_view body) {
     std::filesystem::permissions(file, std::filesystem::perms(0755));
 }
 
+std::vector<std::string> Client::story(std::size_t count, std::chrono::milliseconds timeout) {
+    std::vector<std::string> out;
+    for (const std::string& e : events(count, timeout))
+        for (const std::string_view key : {"\"Code\":", "\"FaultCode\":"})
+            if (const auto at = e.find(key); at != std::string::npos)
+                out.push_back((key[1] == 'F' ? "result " : "") +
+                              e.substr(at + key.size(), e.find_first_of(",}", at) - at - key.size()));
+    return out;
+}
+
 }  // namespace gwtest

@@ -59,6 +59,9 @@ public:
     bool listen(std::string_view pattern);
     // The events so far, once `count` have arrived or `timeout` has passed.
     const std::vector<std::string>& events(std::size_t count, std::chrono::milliseconds timeout = 10s);
+    // The same read as an operation's story: each LCM event's code and each result's
+    // "result <FaultCode>", in order of arrival.
+    std::vector<std::string> story(std::size_t count, std::chrono::milliseconds timeout = 30s);
 
 private:
     ubus::Connection bus_;
