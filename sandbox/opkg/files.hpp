@@ -8,24 +8,12 @@
 #include <string_view>
 #include <utility>
 
+#include "ubus/fd.hpp"
+
 namespace opkg {
 
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept;
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    ~UniqueFd();
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_ = -1;
-};
+// The project's owning descriptor: one implementation for the tool and the daemon.
+using UniqueFd = ubus::UniqueFd;
 
 // The whole file; nullopt with `error` set when it cannot be read.
 std::optional<std::string> read_file(const std::string& path, std::string* error = nullptr);
