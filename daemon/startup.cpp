@@ -7,11 +7,12 @@
 #include <string>
 
 #include "daemon/daemon_context.hpp"
+#include "daemon/daemon_objects.hpp"
 #include "daemon/ee_object.hpp"
-#include "daemon/event_intake.hpp"
 #include "daemon/operation_queue.hpp"
 #include "daemon/package_operation_object.hpp"
 #include "daemon/packages_object.hpp"
+#include "daemon/reconnect.hpp"
 #include "daemon/restore.hpp"
 #include "pkgd/engine.hpp"
 #include "pkgd/identity.hpp"
@@ -34,21 +35,17 @@ void make_dir(const char* path) {
 // Registers the objects in their fixed order, restores the registry and serves. Clients see the
 // execution-environment object last, once every restored package has its object.
 int register_and_serve(daemon_context& d, ubus::Loop& loop) {
-    if (add_package_object(d).status != ubus::kOk) return kExitNoBus;
-    if (add_lcm_event_handler(d).status != ubus::kOk) return kExitNoBus;
     d.pkg_name = package_operation_object_name(d.ee.id.view());
-    if (add_opkg_object(d).status != ubus::kOk) return kExitNoBus;
-
-    restore_registered_packages(d);
-
-    // Without this object the packages are still served; its absence only hides the figures.
     d.s_ee_object = ee_object_name(d.ee.id.view());
+    if (add_service_objects(d) != ubus::kOk) return kExitNoBus;
+    restore_registered_packages(d);
+    // Without this object the packages are still served; its absence only hides the figures.
     add_ee_object(d);
 
-    // A daemon without its bus can serve nobody: end, so that a supervisor starts it again.
-    d.ctx.on_disconnect([&loop] { loop.stop(); });
+    // A broker that goes away comes back with the daemon's objects registered again.
+    bus_reconnect reconnect(d, loop, ubus::kDefaultSocket);
     loop.run();
-    return 0;
+    return reconnect.refused ? kExitNoBus : 0;
 }
 
 // Failures here do not stop start-up: a failed detach serves from the foreground, a failed change
@@ -103,7 +100,6 @@ int run_daemon(const start_options& options) {
         d.ctx.attach(loop);
         d.workers = std::make_unique<ForkedWorkers>(loop, run_worker);
         status = register_and_serve(d, loop);
-        d.ctx.on_disconnect({});
         d.ctx.detach();
         d.workers.reset();  // it forks from this loop
     }
