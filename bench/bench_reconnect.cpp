@@ -38,20 +38,23 @@ std::vector<double> crash_repeatedly(bench::Broker& broker) {
         std::uint32_t id = 0;
         if (probe.connect(broker.socket()) != ubus::kOk) break;
         while (probe.lookup_id(kEnvironment, id) != ubus::kOk) std::this_thread::sleep_for(200us);
-        ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - accepting).count());
+        ms.push_back(
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - accepting).count());
     }
     return ms;
 }
 
 void print(std::size_t packages, std::vector<double> ms) {
-    if (ms.empty()) return (void)std::printf("%zu packages: the daemon's objects never came back\n", packages);
+    if (ms.empty())
+        return (void)std::printf("%zu packages: the daemon's objects never came back\n", packages);
     std::sort(ms.begin(), ms.end());
     double sum = 0;
     for (double m : ms) sum += m;
-    std::printf("objects back after a broker restart, %4zu packages: median %6.1f ms  mean %6.1f ms  max %6.1f ms"
-                "  (%zu restarts, an attempt every %lld ms)\n",
-                packages, ms[ms.size() / 2], sum / static_cast<double>(ms.size()), ms.back(), ms.size(),
-                static_cast<long long>(pkgd::kReconnectInterval.count()));
+    std::printf(
+        "objects back after a broker restart, %4zu packages: median %6.1f ms  mean %6.1f ms  max %6.1f ms"
+        "  (%zu restarts, an attempt every %lld ms)\n",
+        packages, ms[ms.size() / 2], sum / static_cast<double>(ms.size()), ms.back(), ms.size(),
+        static_cast<long long>(pkgd::kReconnectInterval.count()));
 }
 
 }  // namespace

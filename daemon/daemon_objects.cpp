@@ -24,7 +24,7 @@ void add_package_objects_again(daemon_context& d) {
     for (const registered_pkg& entry : d.s_pkgs) names.push_back(entry.pkg->object_name);
     for (auto name = names.rbegin(); name != names.rend() && d.ctx.connected(); ++name) {
         const ubus::AddResult added = add_package_x_object(d, *name);
-        if (added.status != ubus::kOk)
+        if (added.status != ubus::kOk && d.ctx.connected())
             log_sys(LOG_WARNING, kDaemonLogCategory, 0, 0, "package object %s refused (status %d)",
                     name->c_str(), added.status);
         d.s_pkgs.rebind(*name, added.status == ubus::kOk ? added.id : 0);

@@ -32,9 +32,9 @@ struct bus_reconnect {
 
     daemon_context& d;
     ubus::Loop& loop;
-    std::string socket;      // where the broker listens
+    std::string socket;        // where the broker listens
     ubus::Loop::Id timer = 0;  // the next attempt, while one is due
-    bool down = false;       // from the loss to the recovery
+    bool down = false;         // from the loss to the recovery
     // The broker came back but refused an object the daemon cannot serve without (another client
     // holds its name): the loop was stopped, as start-up ends on the same refusal.
     bool refused = false;

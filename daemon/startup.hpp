@@ -11,7 +11,8 @@ inline constexpr int kExitNoBus = 255;
 
 // Detaches (unless in the foreground), changes the root, creates the working directories, fixes
 // the environment's identity, registers the bus objects in their fixed order and serves until
-// SIGINT or SIGTERM, through any number of broker restarts. Returns the process's exit status: 0 after serving, kExitNoBus otherwise.
+// SIGINT or SIGTERM, through any number of broker restarts. Returns the process's exit status: 0
+// after serving, kExitNoBus otherwise.
 int run_daemon(const start_options& options);
 
 }  // namespace pkgd

@@ -161,15 +161,14 @@ TEST(Startup, ItOutlivesABrokerCrashDuringAnInstallAndComesBackWithEveryObject) 
     const ubus::UniqueFd feed(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t size = sizeof addr;
-    ASSERT_TRUE(::bind(feed.get(), reinterpret_cast<sockaddr*>(&addr), size) == 0 && ::listen(feed.get(), 4) == 0 &&
-                ::getsockname(feed.get(), reinterpret_cast<sockaddr*>(&addr), &size) == 0);
+    auto* address = reinterpret_cast<sockaddr*>(&addr);
+    ASSERT_TRUE(::bind(feed.get(), address, size) == 0 && ::listen(feed.get(), 4) == 0 &&
+                ::getsockname(feed.get(), address, &size) == 0);
     gwtest::Client before(gw);
     ASSERT_TRUE(before.wait_for_object(kEnvironment));
-    ASSERT_EQ(before.call(kOperations, "Install",
-                          R"({"RequestID":1,"OperateID":1,"OperateMID":1,"URL":"http://127.0.0.1:)" +
-                              std::to_string(ntohs(addr.sin_port)) + R"(/app.ipk"})")
-                  .status,
-              ubus::kOk);
+    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/app.ipk";
+    const std::string install = R"({"RequestID":1,"OperateID":1,"OperateMID":1,"URL":")" + url + "\"}";
+    ASSERT_EQ(before.call(kOperations, "Install", install).status, ubus::kOk);
     pollfd download{feed.get(), POLLIN, 0};
     ASSERT_EQ(::poll(&download, 1, 10000), 1) << "the install did not reach the feed";
 
@@ -180,13 +179,10 @@ TEST(Startup, ItOutlivesABrokerCrashDuringAnInstallAndComesBackWithEveryObject) 
         EXPECT_TRUE(after.wait_for_object(name, 2s)) << name;
     EXPECT_NE(after.call(package, "Get").first().find(R"("Status":"Downloading")"), std::string::npos);
     const auto status = gw.pkgd_status();
-    ASSERT_TRUE(status);
-    EXPECT_EQ(std::pair(status->state, status->runs), std::pair(sandbox::PkgdStatus::State::kRunning, 1u));
+    EXPECT_TRUE(status && status->state == sandbox::PkgdStatus::State::kRunning && status->runs == 1u);
     ASSERT_TRUE(gw.wait_syslog("back on the bus"));
     const auto lines = gw.syslog_lines();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const std::string& l) { return l.find("lost the bus") != std::string::npos; }),
-              1);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](auto& l) { return l.find("lost the bus") != l.npos; }), 1);
 }
 
 // pkgd run as a program inside the gateway, with the command line a test gives it.

@@ -184,6 +184,7 @@ TEST_F(Waits, WaitingCallsHoldUpNoOtherCall) {
 // The broker goes twice: while a List is being answered, with a Start and an IsLatestVersion
 // waiting, then while the daemon idles. Once it accepts again every object of the daemon is back
 // under its name, callable and known to the registry by its new id, and so is the LCM listener.
+// The third time another client holds the Packages object's name when the daemon comes back.
 TEST_F(Waits, AfterEachBrokerRestartEveryObjectIsBackAndCallable) {
     d_.pkg_name = "SoftwareModules.Package.System";
     d_.s_ee_object = "Services.Management.LCM.ExecutionEnvironments.System";
@@ -198,20 +199,20 @@ TEST_F(Waits, AfterEachBrokerRestartEveryObjectIsBackAndCallable) {
     sys_.on_file_lookup = {};
     EXPECT_EQ(served(std::move(start)) + served(std::move(latest)), "");
 
-    const std::string names[] = {std::string(kPackages), object_of("1"), object_of("2"), d_.pkg_name.str(), d_.s_ee_object.str()};
+    const std::string names[] = {std::string(kPackages), object_of("1"), object_of("2"), d_.pkg_name.str(),
+                                 d_.s_ee_object.str()};
     for (const auto& [event, status] : {std::pair(kLcmDownloading, PKG_STATUS_DOWNLOADING),
                                         std::pair(kLcmInstalling, PKG_STATUS_INSTALLING)}) {
         if (status == PKG_STATUS_INSTALLING) broker_.stop();
         ASSERT_TRUE(serve_until([&] { return reconnect.down; }));
         broker_.start();
         ubus::Connection probe;
-        std::map<std::string, std::uint32_t> ids;
         ASSERT_EQ(probe.connect(broker_.socket()), ubus::kOk);
+        std::map<std::string, std::uint32_t> ids;
         ASSERT_TRUE(serve_until([&] {
             return std::all_of(std::begin(names), std::end(names),
-                               [&](const std::string& name) { return probe.lookup_id(name, ids[name]) == ubus::kOk; });
+                               [&](const std::string& n) { return probe.lookup_id(n, ids[n]) == ubus::kOk; });
         }));
-        EXPECT_FALSE(reconnect.down);
         EXPECT_EQ(d_.s_pkgs.find_object(object_of("1"))->object_id, ids[object_of("1")]);
         EXPECT_NE(served(call_async("", "List")).find(R"("Id":"2")"), std::string::npos);
         EXPECT_NE(served(call_async("1", "Get")).find(R"("Id":"1")"), std::string::npos);
@@ -222,6 +223,14 @@ TEST_F(Waits, AfterEachBrokerRestartEveryObjectIsBackAndCallable) {
         ASSERT_EQ(probe.send_event(kLcmEventType, msg.members()), ubus::kOk);
         EXPECT_TRUE(serve_until([&, status = status] { return d_.s_pkgs.begin()->pkg->status == status; }));
     }
+    // A name another client took meanwhile ends the serving, as it ends start-up.
+    broker_.stop();
+    ASSERT_TRUE(serve_until([&] { return reconnect.down; }));
+    broker_.start();
+    ubus::Connection squatter;
+    ASSERT_EQ(squatter.connect(broker_.socket()), ubus::kOk);
+    ASSERT_EQ(squatter.add_object(kPackages, ubus::ObjectType::make({})).status, ubus::kOk);
+    EXPECT_TRUE(serve_until([&] { return reconnect.refused; }));
 }
 
 }  // namespace
