@@ -87,6 +87,7 @@ int run_daemon(const start_options& options) {
     // directories are made durably; the verification's scratch directory under /tmp does not
     // outlive a power cut anyway.
     d.files.make_directories();
+    d.files.remove_stale_temporaries();
     (void)::mkdir(FixedText<256>(std::string("/tmp/opkg-").append(d.ee.id.view())).c_str(), 0755);
 
     d.object = packages_object_name(d.ee.id.view());

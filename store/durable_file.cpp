@@ -4,11 +4,14 @@
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <string>
 #include <utility>
 
 namespace pkgd {
 namespace {
+
+constexpr std::string_view kTemporaryPrefix = ".tmp.";
 
 std::string directory_of(std::string_view path) {
     const std::size_t slash = path.rfind('/');
@@ -23,7 +26,7 @@ std::string directory_of(std::string_view path) {
 IoFd create_temporary(FileIo& io, const std::string& dir, std::string& temp, mode_t mode) {
     static std::atomic<unsigned> count{0};
     for (int attempt = 0; attempt < 16; ++attempt) {
-        temp.assign(dir).append("/.tmp.").append(std::to_string(::getpid()));
+        temp.assign(dir).append("/").append(kTemporaryPrefix).append(std::to_string(::getpid()));
         temp.append(".").append(std::to_string(count.fetch_add(1, std::memory_order_relaxed)));
         IoFd fd(io, io.create(temp.c_str(), mode));
         if (fd || errno != EEXIST) return fd;
@@ -45,6 +48,16 @@ void sync_directory(FileIo& io, const std::string& dir) {
 }
 
 }  // namespace
+
+std::optional<pid_t> temporary_writer(std::string_view name) {
+    if (!name.starts_with(kTemporaryPrefix)) return std::nullopt;
+    name.remove_prefix(kTemporaryPrefix.size());
+    pid_t pid = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
+    if (error != std::errc() || pid <= 0 || end == name.data() + name.size() || *end != '.')
+        return std::nullopt;
+    return pid;
+}
 
 bool replace_file(const std::string& path, std::string_view content, mode_t mode) {
     return replace_file(posix_file_io(), path, content, mode);

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,9 @@ namespace pkgd {
 // temporary file; readers of the directory skip hidden names.
 bool replace_file(const std::string& path, std::string_view content, mode_t mode = 0666);
 bool replace_file(FileIo& io, const std::string& path, std::string_view content, mode_t mode = 0666);
+
+// The writer's pid in the name of a temporary file replace_file made; nothing for another name.
+std::optional<pid_t> temporary_writer(std::string_view name);
 
 // Removes `path` and flushes its directory, so a removed record does not come back after a power
 // cut. False when the file could not be removed (already gone, say).

@@ -2,6 +2,11 @@
 // reading them back.
 #include "pkgd/record_files.hpp"
 
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
 #include <utility>
 
 #include "durable_file.hpp"
@@ -33,6 +38,19 @@ RecordFiles::RecordFiles(std::string base_dir, std::string ee_name, bool mirror_
 void RecordFiles::make_directories() const {
     make_directory(*io_, pkg_dir(), kRecordDirMode);
     make_directory(*io_, base_ + "/ee", kRecordDirMode);
+}
+
+void RecordFiles::remove_stale_temporaries() const {
+    for (const char* kind : {"/pkg", "/du", "/eu", "/ee"}) {
+        std::error_code ec;
+        for (std::filesystem::directory_iterator it(base_ + kind, ec), end; !ec && it != end;
+             it.increment(ec)) {
+            const std::string name = it->path().filename().string();
+            const std::optional<pid_t> writer = temporary_writer(name);
+            if (writer && (*writer == ::getpid() || (::kill(*writer, 0) != 0 && errno == ESRCH)))
+                remove_file(*io_, it->path().string());
+        }
+    }
 }
 
 std::string RecordFiles::pkg_path(std::string_view id) const {

@@ -62,6 +62,11 @@ public:
 
     // Creates pkg/ and ee/ when missing (base_dir must exist): du/ and eu/ come with the system.
     void make_directories() const;
+    // Removes the temporary files that writers cut off by a crash or power cut left in the record
+    // directories, each named for its writer's pid: those of a process that is gone, or of this
+    // one (which writes no record while it cleans up). A worker of an earlier daemon may still be
+    // writing; its files stay.
+    void remove_stale_temporaries() const;
     void store_pkg(const pkg_info& pkg) const;
     void store_du(const pkg_info& pkg) const;
     void store_eu(const pkg_info& pkg) const;

@@ -15,7 +15,9 @@ std::string parent_of(std::string_view path) {
     return std::string(path.substr(0, slash == std::string_view::npos ? 0 : slash));
 }
 
-const std::string& key_of(const std::string& entry) { return entry; }
+const std::string& key_of(const std::string& entry) {
+    return entry;
+}
 template <typename Value>
 const std::string& key_of(const std::pair<const std::string, Value>& entry) {
     return entry.first;
@@ -36,8 +38,10 @@ int failure(int error) {
 
 }  // namespace
 
-PowerCutStorage::PowerCutStorage(std::string root, const std::vector<std::string>& directories)
-    : root_(std::move(root)), directories_(directories.begin(), directories.end()),
+PowerCutStorage::PowerCutStorage(std::string root, const std::vector<std::string>& directories, Names names)
+    : root_(std::move(root)),
+      names_mode_(names),
+      directories_(directories.begin(), directories.end()),
       stored_directories_(directories_) {}
 
 bool PowerCutStorage::step() {
@@ -59,6 +63,7 @@ int PowerCutStorage::create(const char* path, mode_t) {
     inodes_.emplace_back();
     names_[path] = inodes_.size() - 1;
     open_[next_fd_] = inodes_.size() - 1;
+    changed(parent_of(path));
     return next_fd_++;
 }
 
@@ -91,27 +96,40 @@ int PowerCutStorage::rename(const char* from, const char* to) {
     const std::size_t inode = it->second;
     names_.erase(it);
     names_[to] = inode;
+    changed(parent_of(from));
+    changed(parent_of(to));
     return 0;
 }
 
 int PowerCutStorage::unlink(const char* path) {
     if (!step()) return -1;
-    return names_.erase(path) ? 0 : failure(ENOENT);
+    if (!names_.erase(path)) return failure(ENOENT);
+    changed(parent_of(path));
+    return 0;
 }
 
 int PowerCutStorage::mkdir(const char* path, mode_t) {
     if (!step()) return -1;
     if (!directories_.count(parent_of(path))) return failure(ENOENT);
     if (names_.count(path) || !directories_.insert(path).second) return failure(EEXIST);
+    changed(parent_of(path));
     return 0;
 }
 
 int PowerCutStorage::sync_directory(const char* path) {
     if (!step()) return -1;
     if (!directories_.count(path)) return failure(ENOENT);
-    store_entries(path, names_, stored_names_);
-    store_entries(path, directories_, stored_directories_);
+    store_directory(path);
     return 0;
+}
+
+void PowerCutStorage::store_directory(const std::string& dir) {
+    store_entries(dir, names_, stored_names_);
+    store_entries(dir, directories_, stored_directories_);
+}
+
+void PowerCutStorage::changed(const std::string& dir) {
+    if (names_mode_ == Names::at_once) store_directory(dir);
 }
 
 void PowerCutStorage::reboot() const {

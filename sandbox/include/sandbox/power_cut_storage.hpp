@@ -1,8 +1,10 @@
 // The gateway's flash as a pessimistic file system leaves it after a power cut, for proving that
 // pkgd's file writes survive one at any instant. It stands in for the real file system under the
 // record files (pkgd::FileIo) and keeps two views of every directory below its root: what the
-// running system sees, and what is on storage. Only data a file was flushed with reaches storage;
-// a name created, renamed or removed reaches it only when its directory is flushed. Power fails
+// running system sees, and what is on storage. Only data a file was flushed with reaches storage.
+// A name created, renamed or removed reaches it either only when its directory is flushed, or at
+// once (as a journal committing every change of names before the data): a writer must be right
+// under both. Power fails
 // just before a chosen operation: that one and every later one fail with EIO, and storage stays
 // as it was. `reboot` then lays what is on storage out under the root, for the normal loaders.
 #pragma once
@@ -20,8 +22,10 @@ namespace sandbox {
 
 class PowerCutStorage final : public pkgd::FileIo {
 public:
+    enum class Names { on_directory_flush, at_once };
     // `root` is a scratch directory; `directories` (the root among them) exist on storage already.
-    PowerCutStorage(std::string root, const std::vector<std::string>& directories);
+    PowerCutStorage(std::string root, const std::vector<std::string>& directories,
+                    Names names = Names::on_directory_flush);
 
     // Power fails just before the operation numbered `n`, counting every operation from 0.
     void cut_before(std::size_t n) { cut_ = n; }
@@ -49,8 +53,13 @@ private:
     // Counts one operation; false once the power is off.
     bool step();
     Inode* open_inode(int fd);
+    // Puts the entries directly in `dir` on storage as the system sees them.
+    void store_directory(const std::string& dir);
+    // After a change of names in `dir`: on storage at once when names go there at once.
+    void changed(const std::string& dir);
 
     std::string root_;
+    Names names_mode_;
     std::vector<Inode> inodes_;
     std::map<std::string, std::size_t> names_;         // path -> inode, as the system sees them
     std::map<std::string, std::size_t> stored_names_;  // the same on storage
