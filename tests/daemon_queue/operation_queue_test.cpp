@@ -86,7 +86,7 @@ TEST(ForkedWorkers, CancelEndsTheWholeProcessGroupAndTheQueueGoesOn) {
     int pipe_fds[2];
     ASSERT_EQ(::pipe(pipe_fds), 0);
     ForkedWorkers workers(loop, [&](const operation_info& o) {
-        if (o.request_id != 1) return;
+        if (o.request_id != 1) return 0;
         const pid_t grandchild = ::fork();
         if (grandchild == 0) {
             ::execlp("sleep", "sleep", "600", static_cast<char*>(nullptr));
@@ -94,6 +94,7 @@ TEST(ForkedWorkers, CancelEndsTheWholeProcessGroupAndTheQueueGoesOn) {
         }
         (void)!::write(pipe_fds[1], &grandchild, sizeof grandchild);
         ::pause();
+        return 0;
     });
     operation_queue queue;
     ASSERT_EQ(enqueue_operation(queue, workers, op(1)), kQueueOk);
