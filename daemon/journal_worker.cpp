@@ -1,5 +1,7 @@
 #include "daemon/journal_worker.hpp"
 
+#include <unistd.h>
+
 #include "pkgd/datamodel.hpp"
 #include "pkgd/peer_call.hpp"
 #include "pkgd/time_stamp.hpp"
@@ -17,6 +19,7 @@ public:
     JournalingPeers(EnginePeers& inner, const OperationJournal* journal, operation_info& op)
         : inner_(inner), journal_(journal), op_(op) {
         entry_.started = true;
+        entry_.worker = ::getpid();
     }
 
     // True when the entry holds what happened so far.
