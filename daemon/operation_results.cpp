@@ -126,6 +126,8 @@ bool settle_operation(daemon_context& d, operation_info& op, int wait_status) {
     if (entry && !entry->result.empty()) {
         if (entry->sent || worker_sent_result(wait_status) || send_result(d, entry->result))
             d.journal->remove(op.seq);
+        else
+            log_sys(4, 2, 0, 0, "The result of operation %d waits for the bus.\n", op.seq);
         if (op.recover_fault != 0 && op.pkg) follow_records(d, op);
         return true;
     }
