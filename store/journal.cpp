@@ -39,7 +39,7 @@ std::optional<std::string> read_file(const std::string& path) {
 }  // namespace
 
 bool OperationJournal::prepare() const {
-    return make_directory(posix_file_io(), dir_, kJournalDirMode) && ::chmod(dir_.c_str(), kJournalDirMode) == 0;
+    return make_directory(*io_, dir_, kJournalDirMode) && ::chmod(dir_.c_str(), kJournalDirMode) == 0;
 }
 
 bool OperationJournal::accept(operation_info& op) {
@@ -53,11 +53,11 @@ bool OperationJournal::accept(operation_info& op) {
 }
 
 bool OperationJournal::write(const journal_entry& entry) const {
-    return entry.op.seq > 0 && replace_file(path(entry.op.seq), journal_entry_text(entry), kJournalFileMode);
+    return entry.op.seq > 0 && replace_file(*io_, path(entry.op.seq), journal_entry_text(entry), kJournalFileMode);
 }
 
 bool OperationJournal::remove(std::int32_t seq) const {
-    return remove_file(path(seq));
+    return remove_file(*io_, path(seq));
 }
 
 std::optional<journal_entry> OperationJournal::read(std::int32_t seq) const {
@@ -99,7 +99,7 @@ void OperationJournal::discard_temporaries() const {
     for (std::filesystem::directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec)) {
         const std::optional<pid_t> writer = temporary_writer(it->path().filename().string());
         if (writer && (*writer == ::getpid() || (::kill(*writer, 0) != 0 && errno == ESRCH)))
-            remove_file(it->path().string());
+            remove_file(*io_, it->path().string());
     }
 }
 

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "pkgd/file_io.hpp"
 #include "pkgd/records.hpp"
 
 namespace pkgd {
@@ -37,7 +38,8 @@ journal_entry journal_entry_of(const operation_info& op);
 
 class OperationJournal {
 public:
-    explicit OperationJournal(std::string dir) : dir_(std::move(dir)) {}
+    // `io` is the file system the entries are written through (the process's own but in tests).
+    explicit OperationJournal(std::string dir, FileIo& io = posix_file_io()) : dir_(std::move(dir)), io_(&io) {}
 
     // Creates the directory (0700; an existing one is set to 0700). False when it cannot be made.
     bool prepare() const;
@@ -61,6 +63,7 @@ public:
 
 private:
     std::string dir_;
+    FileIo* io_;
     std::int32_t last_seq_ = 0;
 };
 

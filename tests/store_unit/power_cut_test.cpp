@@ -1,12 +1,15 @@
-// Power fails before every file-system operation of an install, an update and an uninstall; after
-// the reboot each record file is its old or its new version, loadable, never empty or torn, and
-// once the last operation is done every change is on storage.
+// Power fails before every file-system operation of an install, an update, an uninstall and an
+// operation's journal entry; after the reboot each file is one of the versions it was written
+// with, loadable, never empty or torn, and once the last operation is done every change is on
+// storage.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <filesystem>
 #include <map>
+#include <set>
 
+#include "pkgd/journal.hpp"
 #include "pkgd/record_files.hpp"
 #include "sample_records.hpp"
 #include "sandbox/power_cut_storage.hpp"
@@ -29,10 +32,12 @@ Snapshot load_all(const std::string& dir) {
     return records;
 }
 
-// A script of record writes, each two letters and a blank: "m" makes the directories; "p", "d",
-// "e", "u" store the package, unit, environment and execution-unit files, upper case deletes
-// them; then "o" or "n" for the old or the new record.
-void run(const RecordFiles& f, std::string_view script, const pkg_info& old_pkg, const pkg_info& new_pkg) {
+// A script of writes, each two letters and a blank: "m" makes the directories; "p", "d", "e", "u"
+// store the package, unit, environment and execution-unit files, upper case deletes them; then
+// "o" or "n" for the old or the new record. "a", "s", "r", "x" accept an operation into the
+// journal, mark it started, record its result and remove it, as the daemon does.
+void run(const RecordFiles& f, OperationJournal& journal, std::string_view script, const pkg_info& old_pkg,
+         const pkg_info& new_pkg) {
     for (std::size_t i = 0; i + 1 < script.size(); i += 3) {
         const pkg_info& pkg = script[i + 1] == 'o' ? old_pkg : new_pkg;
         using Write = void (RecordFiles::*)(const pkg_info&) const;
@@ -43,13 +48,22 @@ void run(const RecordFiles& f, std::string_view script, const pkg_info& old_pkg,
         if (script[i] == 'P') f.delete_pkg(pkg);
         if (const std::size_t k = std::string_view("pdeuDEU").find(script[i]); k != std::string_view::npos)
             (f.*kWrites[k])(pkg);
+        operation_info op;
+        op.pkg = std::make_shared<pkg_info>(pkg);
+        journal_entry entry = journal_entry_of(op);
+        if (script[i] == 'a') journal.accept(entry.op);
+        entry.op.seq = 1;
+        entry.started = script[i] != 'a';
+        if (script[i] == 'r') entry.result = R"({"FaultCode":0})";
+        if (std::string_view("sr").find(script[i]) != std::string_view::npos) journal.write(entry);
+        if (script[i] == 'x') journal.remove(1);
     }
 }
 
 // A scratch record directory as the system ships it: du/ and eu/ are there, pkg/ and ee/ are not.
 sandbox::PowerCutStorage shipped_storage(const std::string& dir, sandbox::PowerCutStorage::Names names = {}) {
-    std::filesystem::create_directories(dir + "/du"), std::filesystem::create_directories(dir + "/eu");
-    return sandbox::PowerCutStorage(dir, {dir, dir + "/du", dir + "/eu"}, names);
+    for (const char* sub : {"/du", "/eu", "/journal"}) std::filesystem::create_directories(dir + sub);
+    return sandbox::PowerCutStorage(dir, {dir, dir + "/du", dir + "/eu", dir + "/journal"}, names);
 }
 
 TEST(PowerCut, EveryRecordIsOldOrNewAndWholeWhereverPowerFails) {
@@ -62,34 +76,43 @@ TEST(PowerCut, EveryRecordIsOldOrNewAndWholeWhereverPowerFails) {
     const char* install_old = "mo do po do eo uo po";
     const std::vector<std::array<const char*, 3>> rows{{"first install", "", "mn dn pn dn en un pn"},
                                                        {"update", install_old, "dn en un pn"},
-                                                       {"uninstall", install_old, "Do Eo Uo Po"}};
+                                                       {"uninstall", install_old, "Do Eo Uo Po"},
+                                                       {"journaled operation", "mo", "ao so dn pn rn xn"}};
     for (const auto& [label, before, change] : rows) {
         SCOPED_TRACE(label);
-        const bus_test::TempDir real;  // where the records are written before and after, for reference
+        const bus_test::TempDir real;  // where the files are written step by step, for reference
         shipped_storage(real.path());  // for its directories
         const RecordFiles real_files(real.path(), "System", false);
-        run(real_files, before, old_pkg, new_pkg);
-        Snapshot expected[2] = {load_all(real.path())};
-        run(real_files, change, old_pkg, new_pkg);
-        expected[1] = load_all(real.path());
-        for (const auto& [name, text] : expected[1]) expected[0][name];  // every name in both, "" for none
-        for (const auto& [name, text] : expected[0]) expected[1][name];
+        OperationJournal real_journal(real.path() + "/journal");
+        run(real_files, real_journal, before, old_pkg, new_pkg);
+        std::vector<Snapshot> steps{load_all(real.path())};
+        for (std::string_view rest = change; !rest.empty(); rest.remove_prefix(std::min<std::size_t>(3, rest.size()))) {
+            run(real_files, real_journal, rest.substr(0, 2), old_pkg, new_pkg);
+            steps.push_back(load_all(real.path()));
+        }
+        std::map<std::string, std::set<std::string>> versions;  // every version a file had, "" for none
+        for (const Snapshot& step : steps)
+            for (const auto& [name, text] : step) versions[name];
+        for (Snapshot& step : steps)
+            for (auto& [name, seen] : versions) seen.insert(step[name]);
         for (const auto names :
              {sandbox::PowerCutStorage::Names::on_directory_flush, sandbox::PowerCutStorage::Names::at_once})
             for (std::size_t n = 0;; ++n) {
                 const bus_test::TempDir scratch;
                 sandbox::PowerCutStorage disk = shipped_storage(scratch.path(), names);
                 const RecordFiles files(scratch.path(), "System", false, disk);
-                run(files, before, old_pkg, new_pkg);
+                OperationJournal journal(scratch.path() + "/journal", disk);
+                run(files, journal, before, old_pkg, new_pkg);
                 disk.cut_before(disk.operations() + n);
-                run(files, change, old_pkg, new_pkg);
+                run(files, journal, change, old_pkg, new_pkg);
                 disk.reboot();
                 RecordFiles(scratch.path(), "System", false).remove_stale_temporaries();  // as at start-up
+                OperationJournal(scratch.path() + "/journal").discard_temporaries();
                 Snapshot now = load_all(scratch.path());
-                for (auto& [name, old_text] : expected[0])
-                    EXPECT_TRUE(now[name] == expected[1][name] || (!disk.powered() && now[name] == old_text))
+                for (auto& [name, seen] : versions)
+                    EXPECT_TRUE(disk.powered() ? now[name] == steps.back()[name] : seen.count(now[name]) == 1)
                         << name << " cut before " << n << " in mode " << int(names) << ": " << now[name];
-                EXPECT_EQ(now.size(), expected[0].size()) << "stray files, cut before " << n;
+                EXPECT_EQ(now.size(), versions.size()) << "stray files, cut before " << n;
                 if (disk.powered()) break;
             }
     }
