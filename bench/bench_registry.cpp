@@ -11,22 +11,25 @@
 //     reply between two bare connections through the same broker.
 //
 // pkgd's private memory (USS: Private_Clean + Private_Dirty of /proc/PID/smaps_rollup) is shown
-// with no package, after the restore, and after the listings.
+// with no package, after the restore, and after the listings, each with its goal and split by
+// mapping (a library's private pages are mostly its relocated data).
+#include <dirent.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <random>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <dirent.h>
-#include <sys/stat.h>
 
 #include "bench_clock.hpp"
 #include "daemon/source_args.hpp"
@@ -49,6 +52,8 @@ constexpr int kRestoreRuns = 3;
 constexpr int kListRuns = 20;
 constexpr double kRestoreGoal = 1.5;
 constexpr double kListGoal = 2.0;
+constexpr long kIdleUssGoalKb = 1024;
+constexpr long kPackagesUssGoalKb = 4096;
 constexpr std::string_view kPackagesObject = "Services.Management.LCM.ExecutionEnvironments.System.Packages";
 
 // Packages as an install leaves them: each with a program and an init script that exist, so
@@ -93,23 +98,59 @@ std::optional<pid_t> pkgd_host_pid(const sandbox::Gateway& gw) {
     return std::nullopt;
 }
 
+// The kB figure of an smaps line ("Private_Dirty:   12 kB").
+long smaps_kb(const std::string& line) {
+    std::istringstream fields(line.substr(line.find(':') + 1));
+    long kb = 0;
+    fields >> kb;
+    return kb;
+}
+
+bool is_private_line(const std::string& line) {
+    return line.starts_with("Private_Clean:") || line.starts_with("Private_Dirty:");
+}
+
 // Private_Clean + Private_Dirty, in kB.
 long uss_kb(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/smaps_rollup");
     long total = 0;
-    for (std::string line; std::getline(in, line);) {
-        if (!line.starts_with("Private_Clean:") && !line.starts_with("Private_Dirty:")) continue;
-        std::istringstream fields(line.substr(line.find(':') + 1));
-        long kb = 0;
-        fields >> kb;
-        total += kb;
-    }
+    for (std::string line; std::getline(in, line);)
+        if (is_private_line(line)) total += smaps_kb(line);
     return total;
 }
 
-void print_uss(const char* when, const sandbox::Gateway& gw) {
+// The same per mapped file (the heap, the stack and anonymous mappings by their kind), largest
+// first: where the private pages go.
+std::vector<std::pair<long, std::string>> uss_by_mapping(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/smaps");
+    std::map<std::string, long> kb;
+    std::string current = "[anonymous]";
+    for (std::string line; std::getline(in, line);) {
+        if (is_private_line(line)) {
+            kb[current] += smaps_kb(line);
+        } else if (!line.empty() && std::isxdigit(static_cast<unsigned char>(line[0])) &&
+                   line.find('-') < line.find(' ')) {
+            // "start-end perms offset dev inode   path": the path is the sixth field.
+            std::istringstream fields(line);
+            std::string skip, path;
+            for (int i = 0; i < 5; ++i) fields >> skip;
+            fields >> path;
+            current = path.empty() ? "[anonymous]" : fs::path(path).filename().string();
+        }
+    }
+    std::vector<std::pair<long, std::string>> sorted;
+    for (const auto& [name, k] : kb)
+        if (k > 0) sorted.emplace_back(k, name);
+    std::sort(sorted.rbegin(), sorted.rend());
+    return sorted;
+}
+
+void print_uss(const char* when, const sandbox::Gateway& gw, long goal_kb, bool by_mapping = false) {
     const std::optional<pid_t> pid = pkgd_host_pid(gw);
-    if (pid) std::printf("pkgd USS %-46s %8ld kB\n", when, uss_kb(*pid));
+    if (!pid) return;
+    std::printf("pkgd USS %-49s %8ld kB (goal at most %ld kB)\n", when, uss_kb(*pid), goal_kb);
+    if (by_mapping)
+        for (const auto& [kb, name] : uss_by_mapping(*pid)) std::printf("  %-56s %8ld kB\n", name.c_str(), kb);
 }
 
 // Stopping only signals pkgd; the next start needs it gone.
@@ -383,7 +424,7 @@ int main() {
     fs::rename(pkg_dir, pkg_dir.string() + ".aside");
     fs::create_directory(pkg_dir);
     if (!timed_start(gw, 0)) return 1;
-    print_uss("with no package", gw);
+    print_uss("with no package", gw, kIdleUssGoalKb, true);
     if (!stop(gw)) return 1;
     fs::remove(pkg_dir);
     fs::rename(pkg_dir.string() + ".aside", pkg_dir);
@@ -403,7 +444,7 @@ int main() {
     std::printf("%-58s median %10.1f ms   (%d runs)\n", "floor: read the record files, register 1000 bare objects",
                 median(floors), kRestoreRuns);
     print_ratio("ratio restore / floor", median(ms), median(floors), kRestoreGoal);
-    print_uss("after restoring 1000 packages", gw);
+    print_uss("after restoring 1000 packages", gw, kPackagesUssGoalKb, true);
 
     // Processes that outlive the shell that started them; they end with the gateway.
     const auto started = gw.sh("i=0; while [ $i -lt " + std::to_string(kProcesses) +
@@ -426,6 +467,6 @@ int main() {
     if (status != ubus::kOk || reply.empty()) return 1;
     list_floor(gw, reply, list_us / 1000.0);
     list_during_install(gw, client, id, publish_big_package(gw, feed_dir));
-    print_uss("after the listings", gw);
+    print_uss("after the listings", gw, kPackagesUssGoalKb, true);
     return 0;
 }
