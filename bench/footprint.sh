@@ -65,8 +65,11 @@ fi
 
 arm_pkgd=$top/build-armhf/daemon/pkgd
 if [[ -x $arm_pkgd ]] && command -v arm-linux-gnueabihf-strip >/dev/null; then
-  report armhf arm-linux-gnueabihf-strip "$arm_pkgd" /lib/arm-linux-gnueabihf /usr/lib/arm-linux-gnueabihf \
-    /usr/arm-linux-gnueabihf/lib
+  # The cross build's own sysroot first (its armhf libraries), then the toolchain's and the host's.
+  sysroot=$top/build-armhf/sysroot
+  report armhf arm-linux-gnueabihf-strip "$arm_pkgd" "$sysroot/lib/arm-linux-gnueabihf" \
+    "$sysroot/usr/lib/arm-linux-gnueabihf" /usr/arm-linux-gnueabihf/lib /lib/arm-linux-gnueabihf \
+    /usr/lib/arm-linux-gnueabihf
   echo "armhf: private memory is not measured: under qemu-user the emulator's own pages are the process's"
 else
   echo "armhf: not built"
