@@ -414,7 +414,7 @@ void rebuild(ubus::BlobBuf& out, ubus::AttrList from) {
 void list_floor(const sandbox::Gateway& gw, ubus::Bytes reply, double list_ms) {
     const std::optional<ScanTimes> scan = scan_times(gw, kListRuns);
     ubus::BlobBuf built;
-    const double build_ms = bench::report("floor part: building the same reply", kListRuns, [&] {
+    const double build_ms = bench::report("floor: building the same reply", kListRuns, [&] {
                                 built.reset();
                                 rebuild(built, ubus::AttrList(reply));
                             }) / 1000.0;
@@ -435,12 +435,12 @@ void list_floor(const sandbox::Gateway& gw, ubus::Bytes reply, double list_ms) {
         while (!stop && owner.dispatch(20) == ubus::kOk) {
         }
     });
-    const double trip_ms = bench::report("floor part: round trip of that reply, bare clients", kListRuns, [&] {
+    const double trip_ms = bench::report("floor: round trip of that reply, bare clients", kListRuns, [&] {
                                caller.invoke(object.id, "List", {}, [](ubus::Bytes) {}, 30000);
                            }) / 1000.0;
     stop = true;
     serve.join();
-    std::printf("%-58s median %10.1f us\n", "floor part: one scan of the gateway's /proc", scan->proc_ms * 1000.0);
+    std::printf("%-58s median %10.1f us\n", "floor: one scan of the gateway's /proc", scan->proc_ms * 1000.0);
     std::printf("%-58s median %10.1f us\n", "not in the floor: stat of the 2000 package files", scan->files_ms * 1000.0);
     const double floor = scan->proc_ms + build_ms + trip_ms;
     std::printf("%-58s %10.1f ms\n", "List floor (scan + build + round trip)", floor);
