@@ -7,11 +7,12 @@
 #include <string>
 
 #include "daemon/daemon_context.hpp"
+#include "daemon/daemon_objects.hpp"
 #include "daemon/ee_object.hpp"
-#include "daemon/event_intake.hpp"
 #include "daemon/operation_queue.hpp"
 #include "daemon/package_operation_object.hpp"
 #include "daemon/packages_object.hpp"
+#include "daemon/reconnect.hpp"
 #include "daemon/restore.hpp"
 #include "pkgd/engine.hpp"
 #include "pkgd/identity.hpp"
@@ -23,32 +24,20 @@
 namespace pkgd {
 namespace {
 
-constexpr mode_t kDirMode = 0755;
-
-// An existing directory is fine and a missing parent is not made: whatever happens, start-up
-// goes on, and an operation that needs the directory reports its own failure.
-void make_dir(const char* path) {
-    (void)::mkdir(path, kDirMode);
-}
-
 // Registers the objects in their fixed order, restores the registry and serves. Clients see the
 // execution-environment object last, once every restored package has its object.
 int register_and_serve(daemon_context& d, ubus::Loop& loop) {
-    if (add_package_object(d).status != ubus::kOk) return kExitNoBus;
-    if (add_lcm_event_handler(d).status != ubus::kOk) return kExitNoBus;
     d.pkg_name = package_operation_object_name(d.ee.id.view());
-    if (add_opkg_object(d).status != ubus::kOk) return kExitNoBus;
-
-    restore_registered_packages(d);
-
-    // Without this object the packages are still served; its absence only hides the figures.
     d.s_ee_object = ee_object_name(d.ee.id.view());
+    if (add_service_objects(d) != ubus::kOk) return kExitNoBus;
+    restore_registered_packages(d);
+    // Without this object the packages are still served; its absence only hides the figures.
     add_ee_object(d);
 
-    // A daemon without its bus can serve nobody: end, so that a supervisor starts it again.
-    d.ctx.on_disconnect([&loop] { loop.stop(); });
+    // A broker that goes away comes back with the daemon's objects registered again.
+    bus_reconnect reconnect(d, loop, ubus::kDefaultSocket);
     loop.run();
-    return 0;
+    return reconnect.refused ? kExitNoBus : 0;
 }
 
 // Failures here do not stop start-up: a failed detach serves from the foreground, a failed change
@@ -85,14 +74,18 @@ void run_worker(const operation_info& queued) {
 
 int run_daemon(const start_options& options) {
     detach_and_change_root(options);
-    make_dir("/usr/local/package/pkg");
-    make_dir("/usr/local/package/ee");
     package_init_env();
     // The only place bound to the gateway: its record directory, the identity just learnt and
     // the machine itself.
     daemon_context d(RecordFiles(std::string(kPackageDir), package_get_ee_name(), true),
                      package_ee_identity(), real_system_env());
-    make_dir(FixedText<256>(std::string("/tmp/opkg-").append(d.ee.id.view())).c_str());
+    // An existing directory is fine and a missing parent is not made: whatever happens, start-up
+    // goes on, and an operation that needs the directory reports its own failure. The record
+    // directories are made durably; the verification's scratch directory under /tmp does not
+    // outlive a power cut anyway.
+    d.files.make_directories();
+    d.files.remove_stale_temporaries();
+    (void)::mkdir(FixedText<256>(std::string("/tmp/opkg-").append(d.ee.id.view())).c_str(), 0755);
 
     d.object = packages_object_name(d.ee.id.view());
     if (d.ctx.connect() != ubus::kOk) return kExitNoBus;
@@ -103,7 +96,6 @@ int run_daemon(const start_options& options) {
         d.ctx.attach(loop);
         d.workers = std::make_unique<ForkedWorkers>(loop, run_worker);
         status = register_and_serve(d, loop);
-        d.ctx.on_disconnect({});
         d.ctx.detach();
         d.workers.reset();  // it forks from this loop
     }
