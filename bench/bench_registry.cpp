@@ -108,28 +108,35 @@ long smaps_kb(const std::string& line) {
     return kb;
 }
 
-bool is_private_line(const std::string& line) {
-    return line.starts_with("Private_Clean:") || line.starts_with("Private_Dirty:");
-}
+// Private pages in kB. The clean ones are pages of files that no other process maps at the
+// moment (a library's code counts here unless another program uses it too), so they depend on
+// what else runs; the dirty ones (relocated data, heap, stack) are pkgd's alone.
+struct Private {
+    long clean = 0;
+    long dirty = 0;
+    long total() const { return clean + dirty; }
+    void add(const std::string& line) {
+        if (line.starts_with("Private_Clean:")) clean += smaps_kb(line);
+        if (line.starts_with("Private_Dirty:")) dirty += smaps_kb(line);
+    }
+};
 
-// Private_Clean + Private_Dirty, in kB.
-long uss_kb(pid_t pid) {
+Private uss(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/smaps_rollup");
-    long total = 0;
-    for (std::string line; std::getline(in, line);)
-        if (is_private_line(line)) total += smaps_kb(line);
+    Private total;
+    for (std::string line; std::getline(in, line);) total.add(line);
     return total;
 }
 
 // The same per mapped file (the heap, the stack and anonymous mappings by their kind), largest
 // first: where the private pages go.
-std::vector<std::pair<long, std::string>> uss_by_mapping(pid_t pid) {
+std::vector<std::pair<Private, std::string>> uss_by_mapping(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/smaps");
-    std::map<std::string, long> kb;
+    std::map<std::string, Private> kb;
     std::string current = "[anonymous]";
     for (std::string line; std::getline(in, line);) {
-        if (is_private_line(line)) {
-            kb[current] += smaps_kb(line);
+        if (line.starts_with("Private_")) {
+            kb[current].add(line);
         } else if (!line.empty() && std::isxdigit(static_cast<unsigned char>(line[0])) &&
                    line.find('-') < line.find(' ')) {
             // "start-end perms offset dev inode   path": the path is the sixth field.
@@ -140,19 +147,22 @@ std::vector<std::pair<long, std::string>> uss_by_mapping(pid_t pid) {
             current = path.empty() ? "[anonymous]" : fs::path(path).filename().string();
         }
     }
-    std::vector<std::pair<long, std::string>> sorted;
+    std::vector<std::pair<Private, std::string>> sorted;
     for (const auto& [name, k] : kb)
-        if (k > 0) sorted.emplace_back(k, name);
-    std::sort(sorted.rbegin(), sorted.rend());
+        if (k.total() > 0) sorted.emplace_back(k, name);
+    std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return a.first.total() > b.first.total(); });
     return sorted;
 }
 
 void print_uss(const char* when, const sandbox::Gateway& gw, long goal_kb, bool by_mapping = false) {
     const std::optional<pid_t> pid = pkgd_host_pid(gw);
     if (!pid) return;
-    std::printf("pkgd USS %-49s %8ld kB (goal at most %ld kB)\n", when, uss_kb(*pid), goal_kb);
+    const Private all = uss(*pid);
+    std::printf("pkgd USS %-49s %8ld kB (goal at most %ld kB; dirty %ld kB)\n", when, all.total(), goal_kb,
+                all.dirty);
     if (by_mapping)
-        for (const auto& [kb, name] : uss_by_mapping(*pid)) std::printf("  %-56s %8ld kB\n", name.c_str(), kb);
+        for (const auto& [kb, name] : uss_by_mapping(*pid))
+            std::printf("  %-56s %8ld kB (dirty %ld kB)\n", name.c_str(), kb.total(), kb.dirty);
 }
 
 // Stopping only signals pkgd; the next start needs it gone.
