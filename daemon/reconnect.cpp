@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include "daemon/daemon_objects.hpp"
+#include "daemon/operation_results.hpp"
 #include "pkgd/platform.hpp"
 #include "ubus/wire.hpp"
 
@@ -54,6 +55,7 @@ bus_reconnect::~bus_reconnect() {
 
 void on_bus_restored(daemon_context& d) {
     log_sys(LOG_NOTICE, kDaemonLogCategory, 0, 0, "back on the bus as %s", d.object.c_str());
+    send_pending_results(d);
 }
 
 }  // namespace pkgd

@@ -109,11 +109,16 @@ enum class Unpack { done, bomb };
 constexpr std::string_view kDataArchive = "data.tar.gz";
 constexpr std::string_view kControlArchive = "control.tar.gz";
 
-// The SHA-256 of the two inner archives, taken while they stream past: the data archive, the
-// bulk of a package, is digested and never written, so it is neither written out nor read back.
-struct StreamDigests {
+// What this unpacking produced. The SHA-256 of the two inner archives, taken while they stream
+// past: the data archive, the bulk of a package, is digested and never written, so it is neither
+// written out nor read back. And whether the signature and the checksum list were written by this
+// run: emptying the directory first is best effort (a listing can fail), and a copy left by an
+// earlier run must never stand in for one the package lacks.
+struct Unpacked {
     std::optional<std::string> data;
     std::optional<std::string> control;
+    bool signature = false;
+    bool checksum_list = false;
 };
 
 // The lowercase hex text of a finished digest; nothing when it cannot be finished.
@@ -152,7 +157,7 @@ bool stream_member(archive* a, int out, EVP_MD_CTX* md, std::vector<char>& buffe
 // which is only digested (as is the control archive). A damaged archive ends the unpacking quietly
 // (the checks then fail on what is missing), as an unpacking tool would; more bytes than `limit`
 // make it a bomb. A member named twice counts as its last copy, as a file written over would.
-Unpack unpack_members(const std::string& package_path, int dir_fd, std::uint64_t limit, StreamDigests& digests) {
+Unpack unpack_members(const std::string& package_path, int dir_fd, std::uint64_t limit, Unpacked& digests) {
     const archive_ptr a = open_gzip_tar(package_path);
     if (!a) return Unpack::done;
     std::uint64_t total = 0;
@@ -176,6 +181,8 @@ Unpack unpack_members(const std::string& package_path, int dir_fd, std::uint64_t
         if (!stream_member(a.get(), out ? out.get() : -1, md.get(), buffer, total, limit, bomb))
             return bomb ? Unpack::bomb : Unpack::done;
         if (digest) *digest = finish_hex(md.get());
+        if (name == "checksum.sig") digests.signature = true;
+        if (name == "checksum.sha256") digests.checksum_list = true;
     }
     return Unpack::done;
 }
@@ -205,7 +212,7 @@ bool signature_valid(const engine_paths& paths, std::time_t now) {
     return PKCS7_verify(p7.get(), nullptr, store.get(), content.get(), nullptr, PKCS7_BINARY) == 1;
 }
 
-bool digests_match(const engine_paths& paths, const StreamDigests& digests) {
+bool digests_match(const engine_paths& paths, const Unpacked& digests) {
     const std::optional<std::string> list = read_text_file(member_path(paths.work_dir, "checksum.sha256"));
     if (!list || !digests.data || !digests.control) return false;
     const auto listed = read_checksum_digests(*list);
@@ -284,9 +291,9 @@ int verify_package_file(const engine_paths& paths, std::time_t now, const std::s
     struct stat st {};
     const std::uint64_t package_size =
         ::stat(package_path.c_str(), &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
-    StreamDigests digests;
+    Unpacked digests;
     if (unpack_members(package_path, dir.get(), outer_extract_limit(package_size), digests) == Unpack::bomb ||
-        !signature_valid(paths, now)) {
+        !digests.signature || !digests.checksum_list || !signature_valid(paths, now)) {
         clean_up(dir.get(), kCleanupA);
         return -1;
     }

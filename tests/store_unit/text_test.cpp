@@ -25,7 +25,10 @@ TEST(TimeStamp, LocalTimeWithItsWholeHourOffsetAndTheEpochWhenUnconvertible) {
         {"<+14>-14", "2024-03-05T20:08:09+14:00"},
     };
     for (const auto& [tz, text] : cases) EXPECT_EQ(stamp_in(tz, kMarch5th2024At060809Utc), text) << tz;
-    EXPECT_EQ(stamp_in("UTC0", std::numeric_limits<std::time_t>::max()), "1970-01-01T00:00:00+00:00");
+    // Only a 64-bit time_t reaches beyond the years a struct tm can hold.
+    if constexpr (sizeof(std::time_t) > 4) {
+        EXPECT_EQ(stamp_in("UTC0", std::numeric_limits<std::time_t>::max()), "1970-01-01T00:00:00+00:00");
+    }
     EXPECT_EQ(stamp_in("UTC0", -1), "1969-12-31T23:59:59+00:00");
     ::unsetenv("TZ");
     ::tzset();
