@@ -5,6 +5,11 @@
 //     client on its own connection and thread); calls per second and the latency of one call;
 //   - event fan-out: one sender, 10 listeners (each on its own connection and thread); deliveries
 //     per second and the latency from sending to delivery.
+//
+// Each figure is printed beside its floor, the same exchange over bare socket pairs measured in
+// the same run: a client writes a message of the size of a call and reads one of the size of the
+// reply from a peer thread that serves every client (as the object's owner does, but without the
+// broker between them); an event is written by the sender to each listener's socket directly.
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -18,6 +23,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <poll.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -152,6 +158,119 @@ Figures fan_out(const std::string& socket, int listeners, int events) {
     return f;
 }
 
+// ----- the floors -----
+
+constexpr std::size_t kCallBytes = 56;   // a call with its small argument table
+constexpr std::size_t kReplyBytes = 80;  // its DATA reply and final STATUS
+constexpr std::size_t kEventBytes = 64;  // an event with the sender's time stamp
+
+bool read_all(int fd, void* buf, std::size_t n) {
+    auto* p = static_cast<char*>(buf);
+    while (n > 0) {
+        const ssize_t got = ::read(fd, p, n);
+        if (got <= 0) return false;
+        p += got;
+        n -= static_cast<std::size_t>(got);
+    }
+    return true;
+}
+
+struct SocketPair {
+    int fd[2] = {-1, -1};
+    SocketPair() {
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fd) != 0) std::perror("socketpair"), std::exit(1);
+    }
+    ~SocketPair() {
+        for (int f : fd) ::close(f);
+    }
+    SocketPair(const SocketPair&) = delete;
+    SocketPair& operator=(const SocketPair&) = delete;
+};
+
+Figures bare_round_trips(int clients, int calls_each) {
+    std::vector<std::unique_ptr<SocketPair>> pairs;
+    for (int c = 0; c < clients; ++c) pairs.push_back(std::make_unique<SocketPair>());
+    std::atomic<bool> done = false;
+    std::thread owner([&] {  // one thread answers every client, as the object's owner does
+        std::vector<pollfd> fds;
+        for (auto& p : pairs) fds.push_back({p->fd[1], POLLIN, 0});
+        char call[kCallBytes], reply[kReplyBytes] = {};
+        while (!done) {
+            if (::poll(fds.data(), fds.size(), 20) <= 0) continue;
+            for (pollfd& f : fds)
+                if ((f.revents & POLLIN) && read_all(f.fd, call, sizeof call))
+                    (void)!::write(f.fd, reply, sizeof reply);
+        }
+    });
+    Figures f;
+    std::mutex merge;
+    std::vector<std::thread> threads;
+    const auto start = Clock::now();
+    for (int c = 0; c < clients; ++c) {
+        threads.emplace_back([&, fd = pairs[static_cast<std::size_t>(c)]->fd[0]] {
+            char call[kCallBytes] = {}, reply[kReplyBytes];
+            std::vector<double> mine;
+            mine.reserve(static_cast<std::size_t>(calls_each));
+            for (int i = 0; i < calls_each; ++i) {
+                const auto sent = Clock::now();
+                if (::write(fd, call, sizeof call) != static_cast<ssize_t>(sizeof call) ||
+                    !read_all(fd, reply, sizeof reply))
+                    std::fputs("bare exchange failed\n", stderr), std::exit(1);
+                mine.push_back(std::chrono::duration<double, std::micro>(Clock::now() - sent).count());
+            }
+            const std::lock_guard lock(merge);
+            f.latencies_us.insert(f.latencies_us.end(), mine.begin(), mine.end());
+        });
+    }
+    for (auto& t : threads) t.join();
+    f.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    done = true;
+    owner.join();
+    f.count = f.latencies_us.size();
+    return f;
+}
+
+Figures bare_fan_out(int listeners, int events) {
+    std::vector<std::unique_ptr<SocketPair>> pairs;
+    for (int l = 0; l < listeners; ++l) pairs.push_back(std::make_unique<SocketPair>());
+    Figures f;
+    std::mutex merge;
+    std::vector<std::thread> threads;
+    for (int l = 0; l < listeners; ++l) {
+        threads.emplace_back([&, fd = pairs[static_cast<std::size_t>(l)]->fd[1]] {
+            char event[kEventBytes];
+            std::vector<double> mine;
+            for (int i = 0; i < events && read_all(fd, event, sizeof event); ++i) {
+                std::int64_t sent = 0;
+                std::memcpy(&sent, event, sizeof sent);
+                mine.push_back(static_cast<double>(now_ns() - sent) / 1000.0);
+            }
+            const std::lock_guard lock(merge);
+            f.latencies_us.insert(f.latencies_us.end(), mine.begin(), mine.end());
+        });
+    }
+    const auto start = Clock::now();
+    for (int i = 0; i < events; ++i) {
+        char event[kEventBytes] = {};
+        const std::int64_t sent = now_ns();
+        std::memcpy(event, &sent, sizeof sent);
+        for (auto& p : pairs) (void)!::write(p->fd[0], event, sizeof event);
+    }
+    for (auto& t : threads) t.join();
+    f.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    f.count = f.latencies_us.size();
+    return f;
+}
+
+// Our figure and its floor, and the ratios of their rates and median latencies.
+void print_pair(const char* what, const char* floor_what, int parallel, Figures& ours, Figures& floor) {
+    print_row(what, parallel, ours);
+    print_row(floor_what, parallel, floor);
+    const double rate = (static_cast<double>(floor.count) / floor.seconds) / (static_cast<double>(ours.count) / ours.seconds);
+    std::printf("%-34s %8s %10s %12.1f %10.1f\n", "  ratio (floor rate / ours; p50)", "", "", rate,
+                percentile(ours.latencies_us, 0.50) / percentile(floor.latencies_us, 0.50));
+}
+
 }  // namespace
 
 int main() {
@@ -182,11 +301,14 @@ int main() {
     {
         const Served owner(owner_bus);
         Figures one = round_trips(broker.socket(), obj.id, 1, 20000);
-        print_row("call + DATA reply, 1 client", 1, one);
+        Figures one_floor = bare_round_trips(1, 20000);
+        print_pair("call + DATA reply, 1 client", "  floor: bare socket pair", 1, one, one_floor);
         Figures eight = round_trips(broker.socket(), obj.id, 8, 5000);
-        print_row("call + DATA reply, 8 clients", 8, eight);
+        Figures eight_floor = bare_round_trips(8, 5000);
+        print_pair("call + DATA reply, 8 clients", "  floor: bare socket pairs", 8, eight, eight_floor);
     }
     Figures events = fan_out(broker.socket(), 10, 5000);
-    print_row("event delivered, 10 listeners", 10, events);
+    Figures events_floor = bare_fan_out(10, 5000);
+    print_pair("event delivered, 10 listeners", "  floor: bare socket pairs", 10, events, events_floor);
     return 0;
 }

@@ -23,9 +23,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -113,15 +115,35 @@ void quiet() {
     ::close(null);
 }
 
+// The gateway's command runner, timing each package-tool command it runs.
+class TimedRunner final : public pkgd::CommandRunner {
+public:
+    int run(const std::vector<std::string>& argv) override {
+        const Clock::time_point start = Clock::now();
+        const int rc = pkgd::real_command_runner().run(argv);
+        times += (times.empty() ? "" : " ") + (argv.size() > 1 ? argv[1] : argv[0]) + " " +
+                 std::to_string(ms_since(start));
+        return rc;
+    }
+    std::string times;
+};
+
+struct Operated {
+    double ms = 0;
+    std::string commands;  // "NAME MS ..." of each command, in order
+};
+
 // One operation as a worker runs it, inside the gateway; its duration in ms, none on failure.
-std::optional<double> operate(const sandbox::Gateway& gw, int type, const std::string& url) {
+std::optional<Operated> operate(const sandbox::Gateway& gw, int type, const std::string& url) {
     const sandbox::CommandResult r = gw.run_inside(
         [&](std::string& out) {
             quiet();
             ::unsetenv("EXECENV_INDEX");
             pkgd::package_init_env();
             ::mkdir("/tmp/opkg-System", 0755);
-            pkgd::engine_context ctx = pkgd::engine_context::gateway();
+            pkgd::engine_context base = pkgd::engine_context::gateway();
+            TimedRunner timed;
+            pkgd::engine_context ctx{base.paths, base.sys, timed, base.records, base.identity, base.log, base.peers};
             pkgd::operation_info op;
             op.type = type;
             op.request_id = 1;
@@ -135,7 +157,7 @@ std::optional<double> operate(const sandbox::Gateway& gw, int type, const std::s
             const Clock::time_point start = Clock::now();
             const int rc = type == pkgd::OPERATION_INSTALL ? pkgd::package_opkg_install_operate(ctx, op)
                                                            : pkgd::package_opkg_remove_operate(ctx, op);
-            out = std::to_string(ms_since(start));
+            out = std::to_string(ms_since(start)) + "\n" + timed.times;
             return rc == 0 ? 0 : 1;
         },
         std::chrono::seconds(300));
@@ -143,7 +165,10 @@ std::optional<double> operate(const sandbox::Gateway& gw, int type, const std::s
         std::printf("operation %d failed (exit %d): %s\n", type, r.exit_code, r.err.c_str());
         return std::nullopt;
     }
-    return std::stod(r.out);
+    Operated done;
+    done.ms = std::stod(r.out);
+    if (const std::size_t eol = r.out.find('\n'); eol != std::string::npos) done.commands = r.out.substr(eol + 1);
+    return done;
 }
 
 // ----- the floor -----
@@ -272,17 +297,26 @@ int main() {
     }
     const std::string url = gw.feed_url("http") + "/" + publish(gw, feed_dir);
 
-    std::vector<double> installs, floors;
+    std::vector<double> installs, floors, in_process;
+    std::map<std::string, std::vector<double>> commands;  // by the package tool's command
     for (int run = 0; run < kRuns; ++run) {
         // Alternated, so that a busy moment of the machine weighs on both alike.
         const std::optional<double> floor_ms = floor_once(gw, url);
-        const std::optional<double> install_ms = operate(gw, pkgd::OPERATION_INSTALL, url);
-        if (!floor_ms || !install_ms || !operate(gw, pkgd::OPERATION_REMOVE, "")) return 1;
+        const std::optional<Operated> install = operate(gw, pkgd::OPERATION_INSTALL, url);
+        if (!floor_ms || !install || !operate(gw, pkgd::OPERATION_REMOVE, "")) return 1;
         floors.push_back(*floor_ms);
-        installs.push_back(*install_ms);
+        installs.push_back(install->ms);
+        std::istringstream fields(install->commands);
+        double outside = 0;
+        std::string name;
+        for (double ms = 0; fields >> name >> ms; outside += ms) commands[name].push_back(ms);
+        in_process.push_back(install->ms - outside);
     }
     const double install = median(installs), floor = median(floors);
     std::printf("%-58s median %10.1f ms   (%d runs)\n", "install of a 10 MiB package over HTTP", install, kRuns);
+    for (const auto& [name, ms] : commands)
+        std::printf("  %-56s median %10.1f ms\n", ("of which `opkg " + name + "`").c_str(), median(ms));
+    std::printf("  %-56s median %10.1f ms\n", "of which in the worker itself", median(in_process));
     std::printf("%-58s median %10.1f ms   (%d runs)\n", "floor: fetch, SHA-256 of both archives, one unpack", floor,
                 kRuns);
     std::printf("%-58s %.2f (goal at most %.1f)\n", "ratio install / floor", install / floor, kGoal);
