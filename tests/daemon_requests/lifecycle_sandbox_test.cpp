@@ -3,64 +3,27 @@
 // Packages object with a delete asked for while it runs. Each step is judged by what the client sees: the LCM events and one
 // result per operation, the registry, the record files, the catalog and the data model.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <memory>
 
+#include "app_feed.hpp"
 #include "gateway_client.hpp"
 #include "poll.hpp"
-#include "sandbox/feed/index.hpp"
-#include "sandbox/feed/package.hpp"
-#include "sandbox/feed/pki.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
-namespace feed = sandbox::feed;
 using namespace std::chrono_literals;
 using V = std::vector<std::string>;
 
 constexpr std::string_view kOps = "SoftwareModules.Package.System";
 const std::string kPackages = "Services.Management.LCM.ExecutionEnvironments.System.Packages";
 
-// Builds version `version` of "app" and lists it in the signed index with the earlier ones; its URL.
-std::string publish(const sandbox::Gateway& gw, const fs::path& dir, V& records, const std::string& version) {
-    feed::PackageSpec spec;
-    spec.control = "Package: app\nVersion: " + version +
-                   "\nArchitecture: all\nMaintainer: ACME\nSection: utils\n"
-                   "Description: app for the tests\n";
-    // The program is a copy of the host's sleep: a script's process would be its interpreter's,
-    // and the package runs only while one of its own files is a live process's program.
-    std::ifstream sleep_binary("/bin/sleep", std::ios::binary);
-    const std::string program((std::istreambuf_iterator<char>(sleep_binary)), std::istreambuf_iterator<char>());
-    spec.tree = {feed::file_entry("usr/bin/app", program, 0755),
-                 feed::file_entry("etc/init.d/app",
-                                  "#!/bin/sh\ncase \"$1\" in\n"
-                                  "start) /usr/bin/app 600 </dev/null >/dev/null 2>&1 & echo $! >/var/run/app.pid ;;\n"
-                                  "stop) kill \"$(cat /var/run/app.pid)\" ;;\nesac\nexit 0\n",
-                                  0755)};
-    const feed::Pki pki = feed::load_pki(gw.feed_pki_dir());
-    const feed::Package pkg = feed::build_package(spec, pki);
-    const std::string file = "app_" + version + "_all.ipk";
-    std::ofstream(dir / file, std::ios::binary) << pkg.bytes;
-    records.push_back(feed::index_record(pkg.index_control, file, pkg.bytes, pkg.installed_size));
-    feed::write_index(dir, feed::index_text(records), pki.signer);
-    return gw.feed_url("http") + "/" + file;
-}
-
 TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughTheBus) {
-    std::string pattern = std::string(REQUESTS_FEED_SCRATCH_DIR) + "/feed-XXXXXX";
-    const fs::path dir = ::mkdtemp(pattern.data());
-    ::chmod(dir.c_str(), 0755);
-    const std::unique_ptr<const fs::path, void (*)(const fs::path*)> remove_feed(
-        &dir, [](const fs::path* d) { fs::remove_all(*d); });
+    gwtest::AppFeed feed(REQUESTS_FEED_SCRATCH_DIR);
     sandbox::GatewayOptions options = gwtest::named_gateway();
     options.pkgd = options.simulator = true;
-    options.feed_dir = dir;
+    options.feed_dir = feed.dir();
     options.feed_user = "feeder";
     options.feed_password = "pa$$ 'w0rd";
     sandbox::Gateway gw(options);
@@ -69,7 +32,6 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
     ASSERT_TRUE(bus.wait_for_object(kPackages.substr(0, kPackages.rfind('.'))));
     ASSERT_TRUE(bus.listen("Services.Management.LCM") &&
                 bus.listen("SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT"));
-    V records;
     const std::string creds = R"(,"Username":"feeder","Password":"pa$$ 'w0rd")";
     const auto operate = [&](std::string_view method, int request, const std::string& fields) {
         return bus
@@ -88,7 +50,7 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
     EXPECT_EQ(operate("Update", 1, R"(,"UUID":"none")"), 9);
     EXPECT_EQ(operate("Uninstall", 1, ""), 0);  // nothing selected, nothing queued
 
-    const std::string v1 = publish(gw, dir, records, "1.0");
+    const std::string v1 = feed.publish(gw, "1.0");
     EXPECT_EQ(operate("Install", 1, R"(,"URL":")" + v1 + "\"" + creds), 0);
     EXPECT_EQ(bus.story(5, 60s), (V{"20", "6", "21", "result 0", "8"}));
     EXPECT_TRUE(shows("1", R"("Version":"1.0")") && shows("1", R"("Status":"Installed")")) << get("1");
@@ -103,7 +65,7 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
     const std::string ok = R"({"Header":{"Name":"OK"}})";
     EXPECT_EQ(bus.call(kPackages + ".1", "Start").first(), ok);
     EXPECT_TRUE(shows("1", R"("Status":"Running")")) << get("1");
-    const std::string v2 = publish(gw, dir, records, "1.10");
+    const std::string v2 = feed.publish(gw, "1.10");
     EXPECT_EQ(bus.call(kPackages + ".1", "IsLatestVersion").first(), R"({"Header":{"Name":"OK"},"Body":{"Result":false}})");
     EXPECT_EQ(bus.call(kPackages + ".1", "Stop").first(), ok);
     EXPECT_TRUE(shows("1", R"("Status":"Installed")")) << get("1");

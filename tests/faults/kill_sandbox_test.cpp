@@ -1,0 +1,136 @@
+// A worker, or pkgd itself, killed with SIGKILL at each stage of an install, update and uninstall;
+// pkgd started again where it was the victim. The gateway simulator's catalog holds its answer once
+// the row's count of LCM events (and results) has gone by, so the worker waits at exactly that
+// stage when the kill comes. Afterwards the package tool, the registry, the record files, the
+// catalog and the data model agree, and the operation has exactly one result, consistent with them.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "app_feed.hpp"
+#include "gateway_client.hpp"
+#include "gateway_world.hpp"
+#include "poll.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using V = std::vector<std::string>;
+
+constexpr std::string_view kOps = "SoftwareModules.Package.System";
+constexpr int kInternalError = 9002;
+
+enum class Op { kInstall, kUpdate, kUninstall };
+enum class Victim { kWorker, kPkgd };
+
+struct Row {
+    const char* name;
+    Op op;
+    int stage;  // LCM events and results let through before the hold; -1: kill once all are out
+    V seen;     // the operation's story up to the kill
+    Victim victim;
+};
+
+const Row kRows[] = {
+    {"InstallDownloadingWorker", Op::kInstall, 1, {"20"}, Victim::kWorker},
+    {"InstallDownloadingPkgd", Op::kInstall, 1, {"20"}, Victim::kPkgd},
+    {"InstallInstallingWorker", Op::kInstall, 3, {"20", "6", "21"}, Victim::kWorker},
+    {"InstallInstallingPkgd", Op::kInstall, 3, {"20", "6", "21"}, Victim::kPkgd},
+    {"InstallDonePkgd", Op::kInstall, -1, {"20", "6", "21", "result 0", "8"}, Victim::kPkgd},
+    {"UpdateUpdatingWorker", Op::kUpdate, 1, {"23"}, Victim::kWorker},
+    {"UpdateUpdatingPkgd", Op::kUpdate, 1, {"23"}, Victim::kPkgd},
+    {"UpdateDonePkgd", Op::kUpdate, -1, {"23", "result 0", "25"}, Victim::kPkgd},
+    {"UninstallDeletingWorker", Op::kUninstall, 1, {"22"}, Victim::kWorker},
+    {"UninstallDeletingPkgd", Op::kUninstall, 1, {"22"}, Victim::kPkgd},
+    {"UninstallDonePkgd", Op::kUninstall, -1, {"22", "13", "result 0"}, Victim::kPkgd},
+};
+
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
+
+// The story's entries after the first `from`.
+V since(gwtest::Client& bus, std::size_t from, std::size_t count) {
+    V story = bus.story(from + count, 60s);
+    return V(story.begin() + static_cast<std::ptrdiff_t>(std::min(from, story.size())), story.end());
+}
+
+std::string fault_of(gwtest::Client& bus, int request_id) {
+    for (const std::string& e : bus.events(0, 0ms))
+        if (e.find("\"RequestID\":" + std::to_string(request_id) + ",") != std::string::npos) {
+            const auto at = e.find("\"FaultCode\":") + 12;
+            return e.substr(at, e.find_first_of(",}", at) - at);
+        }
+    return "none";
+}
+
+class KilledAtAStage : public ::testing::TestWithParam<Row> {};
+
+TEST_P(KilledAtAStage, LeavesOneResultAndAPlaceThatAgrees) {
+    const Row& row = GetParam();
+    gwtest::AppFeed feed(FAULTS_SCRATCH_DIR);
+    sandbox::GatewayOptions options;
+    options.name = std::string("killed-") + row.name;
+    options.pkgd = options.simulator = true;
+    options.feed_dir = feed.dir();
+    sandbox::Gateway gw(options);
+    ASSERT_TRUE(gw.up()) << gw.error();
+    gwtest::Client bus(gw);
+    ASSERT_TRUE(bus.wait_for_object(faults::kPackages));
+    ASSERT_TRUE(bus.listen("Services.Management.LCM") && bus.listen("SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT"));
+    const auto operate = [&](std::string_view method, int request, const std::string& fields) {
+        return bus.call(kOps, method, R"({"RequestID":)" + std::to_string(request) +
+                                          R"(,"OperateID":1,"OperateMID":1)" + fields + "}").status;
+    };
+    const std::string v1 = feed.publish(gw, "1.0");
+    if (row.op != Op::kInstall) {
+        ASSERT_EQ(operate("Install", 1, R"(,"UUID":"u-app","URL":")" + v1 + "\""), 0);
+        ASSERT_EQ(bus.story(5, 60s), (V{"20", "6", "21", "result 0", "8"}));
+        ASSERT_TRUE(testsupport::poll_until(30s, [&] { return faults::observe(gw, bus) == faults::agreeing("1.0"); }))
+            << faults::observe(gw, bus);
+    }
+    const std::size_t before = row.op == Op::kInstall ? 0 : 5;
+    if (row.stage >= 0) {
+        ASSERT_TRUE(gw.set_fault("catalog", "hold", row.stage));
+    }
+    const std::string fields = row.op == Op::kInstall  ? R"(,"URL":")" + v1 + "\""
+                               : row.op == Op::kUpdate ? R"(,"UUID":"u-app","URL":")" + feed.publish(gw, "1.1") + "\""
+                                                       : R"(,"UUID":"u-app")";
+    ASSERT_EQ(operate(row.op == Op::kInstall ? "Install" : row.op == Op::kUpdate ? "Update" : "Uninstall", 2, fields), 0);
+    if (row.stage >= 0) {
+        ASSERT_TRUE(testsupport::poll_until(30s, [&] { return gw.sim_state().json.find("\"held\":0") == std::string::npos; }))
+            << "nothing held at stage " << row.stage;
+    }
+    EXPECT_EQ(since(bus, before, row.seen.size()), row.seen);
+
+    const pid_t pkgd = gw.pkgd_status()->pid;
+    if (row.victim == Victim::kWorker) {
+        const auto workers = gw.children_inside(pkgd, "pkgd");
+        ASSERT_EQ(workers.size(), 1u);
+        ASSERT_TRUE(gw.signal_inside(workers.front(), SIGKILL));
+    } else {
+        ASSERT_TRUE(gw.kill_and_restart_pkgd());
+    }
+    ASSERT_TRUE(gw.set_fault("catalog", "normal"));  // whatever still waits goes on
+    ASSERT_TRUE(bus.wait_for_object("Services.Management.LCM.ExecutionEnvironments.System", 30s));
+
+    // Settled: the result is out and no worker runs; then one more round trip with pkgd for late events.
+    const pid_t now = gw.pkgd_status()->pid;
+    ASSERT_TRUE(testsupport::poll_until(60s, [&] {
+        return faults::results_of(bus, 2) > 0 && gw.children_inside(now, "pkgd").empty();
+    })) << "no result for the operation";
+    const std::string fault = fault_of(bus, 2);
+    const bool done = fault == "0";
+    const std::string expected = row.op == Op::kInstall  ? (done ? "1.0" : "")
+                                 : row.op == Op::kUpdate ? (done ? "1.1" : "1.0")
+                                                         : (done ? "" : "1.0");
+    std::string seen;
+    EXPECT_TRUE(testsupport::poll_until(10s, [&] { return (seen = faults::observe(gw, bus)) == faults::agreeing(expected); }))
+        << seen << "\nwith result " << fault << ", expected\n" << faults::agreeing(expected);
+    EXPECT_EQ(faults::results_of(bus, 2), 1);
+    if (row.victim == Victim::kWorker) {
+        EXPECT_TRUE(fault == std::to_string(kInternalError) || (done && row.op != Op::kInstall)) << fault;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, KilledAtAStage, ::testing::ValuesIn(kRows),
+                         [](const ::testing::TestParamInfo<Row>& row) { return std::string(row.param.name); });
+
+}  // namespace
