@@ -8,12 +8,14 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "daemon/operation_queue.hpp"
 #include "daemon/package_registry.hpp"
 #include "daemon/package_x_waits.hpp"
 #include "pkgd/identity.hpp"
+#include "pkgd/journal.hpp"
 #include "pkgd/record_files.hpp"
 #include "pkgd/records.hpp"
 #include "pkgd/system_env.hpp"
@@ -45,6 +47,9 @@ struct daemon_context {
     // that serves only reads) every operation fails to start.
     operation_queue queue;
     std::unique_ptr<WorkerControl> workers;
+    // Where every accepted operation is kept until its result has been sent; start-up binds it
+    // to files.journal_dir(). Without it (a context that serves only reads) nothing is kept.
+    std::optional<OperationJournal> journal;
 
     // The IsLatestVersion calls waiting for their query child, and the query the children run.
     // Last, so that pending calls are answered and unhooked while the connection still exists.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "pkgd/datamodel.hpp"
 #include "ubus/loop.hpp"
 
 namespace pkgd {
@@ -33,9 +34,9 @@ int lcm_request_queue_cb(operation_queue& queue, WorkerControl& workers) {
     }
     auto proc = std::make_shared<worker_proc>(worker_proc{pid, true});
     op->proc = proc;
-    const bool watched = workers.watch(pid, [&queue, &workers, proc](pid_t exited, int) {
+    const bool watched = workers.watch(pid, [&queue, &workers, proc](pid_t exited, int wait_status) {
         proc->pending = false;
-        opkg_proc_cb(queue, workers, exited);
+        opkg_proc_cb(queue, workers, exited, wait_status);
     });
     if (!watched) {
         // Nobody would learn of its end: undo the start. The loop reaps every child it is not
@@ -48,10 +49,17 @@ int lcm_request_queue_cb(operation_queue& queue, WorkerControl& workers) {
     return kQueueOk;
 }
 
-void opkg_proc_cb(operation_queue& queue, WorkerControl& workers, pid_t pid) {
-    // A cancelled operation has left already; its worker's end only frees the way for the next.
-    const auto removed = std::erase_if(queue._info, [pid](const auto& op) { return runs_in(op, pid); });
-    if (removed > 0) queue.is_pending = false;
+void opkg_proc_cb(operation_queue& queue, WorkerControl& workers, pid_t pid, int wait_status) {
+    const auto it = std::find_if(queue._info.begin(), queue._info.end(),
+                                 [pid](const auto& op) { return runs_in(op, pid); });
+    if (it != queue._info.end()) {
+        queue.is_pending = false;
+        const std::shared_ptr<operation_info> op = *it;
+        if (!queue.settle || queue.settle(*op, wait_status))
+            queue._info.erase(it);
+        else
+            op->proc.reset();  // the oldest not started: its recovery runs next
+    }
     lcm_request_queue_cb(queue, workers);
 }
 
@@ -61,11 +69,12 @@ int opkg_cancel(operation_queue& queue, WorkerControl& workers, std::int32_t req
         return op->request_id == request_id && op->operate_id == operate_id && op->operate_mid == operate_mid;
     });
     if (it == queue._info.end()) return kQueueNotFound;
-    const std::shared_ptr<operation_info> op = *it;
-    if (!op->proc || !op->proc->pending) return kQueueOk;
-    workers.kill_group(op->proc->pid);
-    queue._info.erase(it);
-    queue.is_pending = false;
+    operation_info& op = **it;
+    if (!op.proc || !op.proc->pending) return kQueueOk;
+    // The operation stays until its worker's exit is reported: only then can the daemon tell
+    // whether the worker had recorded its result or the cancel's undo and result are due.
+    op.recover_fault = kFaultRequestDenied.code;
+    workers.kill_group(op.proc->pid);
     return kQueueOk;
 }
 
@@ -84,8 +93,7 @@ int enqueue_operation(operation_queue& queue, WorkerControl& workers, std::share
 pid_t ForkedWorkers::start(const operation_info& op) {
     const pid_t pid = loop_.fork_child([this, &op] {
         ::setpgid(0, 0);
-        run_operation_(op);
-        return 0;
+        return run_operation_(op);
     });
     // Set from both sides: whichever runs first, a cancel right after the start reaches the group.
     if (pid > 0) ::setpgid(pid, pid);

@@ -36,6 +36,11 @@ public:
 struct operation_queue {
     std::list<std::shared_ptr<operation_info>> _info;  // oldest first
     bool is_pending = false;                           // a worker runs
+    // Asked when an operation's worker has exited, with its wait status: true when the operation
+    // is done and leaves the queue; false when its worker died before recording the result, so
+    // the operation (its recover_fault set) runs again as its recovery, before anything newer.
+    // Empty: every exit is the end.
+    std::function<bool(operation_info& op, int wait_status)> settle;
 };
 
 // The call statuses of the queue's results.
@@ -49,11 +54,13 @@ inline constexpr int kQueueStartFailed = 9;
 // nobody watches would hold the queue for ever).
 int lcm_request_queue_cb(operation_queue& queue, WorkerControl& workers);
 
-// A worker has exited: its operation leaves the queue, then the next one starts.
-void opkg_proc_cb(operation_queue& queue, WorkerControl& workers, pid_t pid);
+// A worker has exited: its operation leaves the queue (unless queue.settle keeps it for its
+// recovery), then the next one starts.
+void opkg_proc_cb(operation_queue& queue, WorkerControl& workers, pid_t pid, int wait_status = 0);
 
 // Cancels the first operation with these identifiers. A running one is killed with its whole
-// process group and leaves the queue at once; a waiting one is left to run in its turn.
+// process group and marked cancelled (recover_fault 9001): when its exit is reported, queue.settle
+// decides whether it still needs its recovery. A waiting one is left to run in its turn.
 // kQueueNotFound when no operation has these identifiers.
 int opkg_cancel(operation_queue& queue, WorkerControl& workers, std::int32_t request_id,
                 std::int32_t operate_id, std::int32_t operate_mid);
@@ -62,11 +69,11 @@ int opkg_cancel(operation_queue& queue, WorkerControl& workers, std::int32_t req
 // taken off the queue again and kQueueStartFailed returned: the caller fails its request.
 int enqueue_operation(operation_queue& queue, WorkerControl& workers, std::shared_ptr<operation_info> op);
 
-// Workers forked from `loop`. A worker runs `run_operation` with its operation and ends with
-// status 0 whatever the outcome: the outcome travels as events, not as the exit status.
+// Workers forked from `loop`. A worker runs `run_operation` with its operation and ends with the
+// status it returns; the outcome itself travels as events and the result, not as the status.
 class ForkedWorkers final : public WorkerControl {
 public:
-    ForkedWorkers(ubus::Loop& loop, std::function<void(const operation_info&)> run_operation)
+    ForkedWorkers(ubus::Loop& loop, std::function<int(const operation_info&)> run_operation)
         : loop_(loop), run_operation_(std::move(run_operation)) {}
 
     pid_t start(const operation_info& op) override;
@@ -75,7 +82,7 @@ public:
 
 private:
     ubus::Loop& loop_;
-    std::function<void(const operation_info&)> run_operation_;
+    std::function<int(const operation_info&)> run_operation_;
 };
 
 }  // namespace pkgd

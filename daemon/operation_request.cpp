@@ -26,9 +26,15 @@ std::shared_ptr<pkg_info> update_working_copy(const pkg_info& registered) {
     return copy;
 }
 
+// The entry is on disk before the request is answered, and goes again with a request that fails:
+// nothing will run or report then.
 int queue_operation(daemon_context& d, std::shared_ptr<operation_info> op) {
     if (!d.workers) return kQueueStartFailed;
-    return enqueue_operation(d.queue, *d.workers, std::move(op));
+    if (d.journal && !d.journal->accept(*op)) return kQueueStartFailed;
+    const std::int32_t seq = op->seq;
+    const int status = enqueue_operation(d.queue, *d.workers, std::move(op));
+    if (status != kQueueOk && seq != 0) d.journal->remove(seq);
+    return status;
 }
 
 }  // namespace pkgd

@@ -18,8 +18,9 @@ std::shared_ptr<operation_info> new_operation(std::int32_t type, std::shared_ptr
 // source and credentials. Everything else, the version asked for included, starts empty.
 std::shared_ptr<pkg_info> update_working_copy(const pkg_info& registered);
 
-// Appends `op` to d's queue and starts the next operation. kQueueStartFailed when no worker could
-// be started for it; `op` has left the queue again then.
+// Records `op` in d's journal, appends it to d's queue and starts the next operation.
+// kQueueStartFailed when it could not be recorded or no worker could be started for it; `op` has
+// left the queue and the journal again then.
 int queue_operation(daemon_context& d, std::shared_ptr<operation_info> op);
 
 }  // namespace pkgd

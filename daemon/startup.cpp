@@ -9,7 +9,9 @@
 #include "daemon/daemon_context.hpp"
 #include "daemon/ee_object.hpp"
 #include "daemon/event_intake.hpp"
+#include "daemon/journal_worker.hpp"
 #include "daemon/operation_queue.hpp"
+#include "daemon/operation_results.hpp"
 #include "daemon/package_operation_object.hpp"
 #include "daemon/packages_object.hpp"
 #include "daemon/restore.hpp"
@@ -40,10 +42,12 @@ int register_and_serve(daemon_context& d, ubus::Loop& loop) {
     if (add_opkg_object(d).status != ubus::kOk) return kExitNoBus;
 
     restore_registered_packages(d);
+    resume_journal(d);
 
     // Without this object the packages are still served; its absence only hides the figures.
     d.s_ee_object = ee_object_name(d.ee.id.view());
     add_ee_object(d);
+    send_pending_results(d);
 
     // A daemon without its bus can serve nobody: end, so that a supervisor starts it again.
     d.ctx.on_disconnect([&loop] { loop.stop(); });
@@ -61,24 +65,10 @@ void detach_and_change_root(const start_options& options) {
     (void)ignored;
 }
 
-// The body of a worker process: the whole operation, reported through its own events and result.
-// Its return value says nothing the daemon needs: the worker ends with status 0 either way.
-void run_worker(const operation_info& queued) {
-    engine_context engine = engine_context::gateway();
-    operation_info op = queued;
-    switch (op.type) {
-        case OPERATION_INSTALL:
-            package_opkg_install_operate(engine, op);
-            break;
-        case OPERATION_UPDATE:
-            package_opkg_update_operate(engine, op);
-            break;
-        case OPERATION_REMOVE:
-            package_opkg_remove_operate(engine, op);
-            break;
-        default:
-            break;
-    }
+// The body of a worker process: the whole operation, reported through its own events and result,
+// its journal entry kept up to date on the way.
+int run_worker(const OperationJournal* journal, const operation_info& queued) {
+    return run_journaled_operation(engine_context::gateway(), journal, queued);
 }
 
 }  // namespace
@@ -101,7 +91,12 @@ int run_daemon(const start_options& options) {
     {
         ubus::Loop loop;
         d.ctx.attach(loop);
-        d.workers = std::make_unique<ForkedWorkers>(loop, run_worker);
+        d.journal.emplace(d.files.journal_dir());
+        d.journal->prepare();
+        const OperationJournal* journal = &*d.journal;
+        d.workers = std::make_unique<ForkedWorkers>(
+            loop, [journal](const operation_info& op) { return run_worker(journal, op); });
+        d.queue.settle = [&d](operation_info& op, int wait_status) { return settle_operation(d, op, wait_status); };
         status = register_and_serve(d, loop);
         d.ctx.on_disconnect({});
         d.ctx.detach();

@@ -44,33 +44,6 @@ void announce_failure(engine_context& ctx, const operation_info& op, const insta
     ctx.peers.report(op, f.fault);
     package_event_about(ctx, f.event, pkg);
     if (!f.log_first) log_operation(ctx, line, pkg);
-    if (f.remove_package && pkg.du.name) opkg_remove(ctx, *pkg.du.name);
-}
-
-// The same steps whatever stage was reached: what does not exist yet has nothing to delete.
-void undo(engine_context& ctx, const operation_info& op) {
-    const pkg_info& pkg = *op.pkg;
-    if (pkg.ee) {
-        ctx.peers.delete_instances(DM_INSTANCE_EE, op);
-        ctx.records.delete_ee(pkg);
-    }
-    ctx.peers.delete_instances(DM_INSTANCE_DU, op);
-    if (!pkg.eu.empty()) {
-        ctx.peers.delete_instances(DM_INSTANCE_EU, op);
-        ctx.records.delete_eu(pkg);
-    }
-    ctx.records.delete_du(pkg);
-    ctx.records.delete_pkg(pkg);
-}
-
-std::string installed_check_path(const engine_context& ctx, const pkg_info& pkg) {
-    // The board's path "/usr/lib/opkg/info/<name>.control" is cut at 255 bytes.
-    constexpr std::size_t kBoardInfoDir = std::string_view("/usr/lib/opkg/info").size();
-    std::string path = ctx.paths.info_dir + "/" + pkg.du.name.value_or("") + ".control";
-    const std::size_t max =
-        255 + (ctx.paths.info_dir.size() > kBoardInfoDir ? ctx.paths.info_dir.size() - kBoardInfoDir : 0);
-    if (path.size() > max) path.resize(max);
-    return path;
 }
 
 // Steps from learning the package to storing its records; the failure that stopped them, if any.
@@ -132,7 +105,7 @@ int package_opkg_install_operate(engine_context& ctx, operation_info& op) {
     int result = 0;
     if (const install_failure* failure = install_steps(ctx, op, split->second, local_path)) {
         announce_failure(ctx, op, *failure);
-        undo(ctx, op);
+        undo_install(ctx, op, failure->remove_package);
         result = -1;
     } else {
         ctx.peers.report(op, kFaultNone);

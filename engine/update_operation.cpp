@@ -28,8 +28,26 @@ void announce_failure(engine_context& ctx, const operation_info& op, const updat
     package_event_about(ctx, kLcmUpdateFailed, *op.pkg);
 }
 
+const update_failure* update_steps(engine_context& ctx, const operation_info& op,
+                                   const std::string& file_name, const std::string& local_path) {
+    pkg_info& pkg = *op.pkg;
+    if (package_opkg_update(ctx, pkg) != 0) return &kFeedRefresh;
+    if (package_opkg_retrieve_package_info(ctx, file_name, pkg.version, pkg.du) != 0) return &kNoFeedRecord;
+    const auto size = static_cast<std::int32_t>(pkg.du.size);
+    if (package_opkg_get_sys_mem(size, ctx.sys) != 0) return &kNoMemory;
+    if (package_opkg_check_disk_size(size, ctx.sys) != 0) return &kNoDisk;
+    if (opkg_download(ctx, pkg) != 0) return &kDownload;
+    if (verify_package(ctx, local_path, op) != 0) return &kCheck;
+    ctx.peers.stop(pkg);
+    if (ctx.commands.run({"opkg", "install", local_path}) != 0) return &kInstall;
+    refresh_update_records(ctx, op);
+    return nullptr;
+}
+
+}  // namespace
+
 // The new version's records replace the installed version's.
-void refresh_records(engine_context& ctx, const operation_info& op) {
+void refresh_update_records(engine_context& ctx, const operation_info& op) {
     pkg_info& pkg = *op.pkg;
     package_opkg_update_du_info(ctx, pkg);
     get_filelist(ctx, pkg);
@@ -51,24 +69,6 @@ void refresh_records(engine_context& ctx, const operation_info& op) {
     }
     ctx.records.store_pkg(pkg);
 }
-
-const update_failure* update_steps(engine_context& ctx, const operation_info& op,
-                                   const std::string& file_name, const std::string& local_path) {
-    pkg_info& pkg = *op.pkg;
-    if (package_opkg_update(ctx, pkg) != 0) return &kFeedRefresh;
-    if (package_opkg_retrieve_package_info(ctx, file_name, pkg.version, pkg.du) != 0) return &kNoFeedRecord;
-    const auto size = static_cast<std::int32_t>(pkg.du.size);
-    if (package_opkg_get_sys_mem(size, ctx.sys) != 0) return &kNoMemory;
-    if (package_opkg_check_disk_size(size, ctx.sys) != 0) return &kNoDisk;
-    if (opkg_download(ctx, pkg) != 0) return &kDownload;
-    if (verify_package(ctx, local_path, op) != 0) return &kCheck;
-    ctx.peers.stop(pkg);
-    if (ctx.commands.run({"opkg", "install", local_path}) != 0) return &kInstall;
-    refresh_records(ctx, op);
-    return nullptr;
-}
-
-}  // namespace
 
 int package_opkg_update_operate(engine_context& ctx, operation_info& op) {
     if (!op.pkg) return -1;

@@ -76,6 +76,7 @@ struct cwmp_fault {
 };
 inline constexpr cwmp_fault kFaultNone{0, ""};
 inline constexpr cwmp_fault kFaultRequestDenied{9001, "Request denied"};
+inline constexpr cwmp_fault kFaultInternalError{9002, "Internal error"};
 inline constexpr cwmp_fault kFaultInvalidArguments{9003, "Invalid arguments"};
 inline constexpr cwmp_fault kFaultDownloadFailed{9017, "Unable to complete download"};
 inline constexpr cwmp_fault kFaultFileCorrupted{9018, "File corrupted or otherwise unusable"};

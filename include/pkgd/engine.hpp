@@ -80,6 +80,15 @@ int package_opkg_install_operate(engine_context& ctx, operation_info& op);
 int package_opkg_update_operate(engine_context& ctx, operation_info& op);
 int package_opkg_remove_operate(engine_context& ctx, operation_info& op);
 
+// The recovery of an operation whose worker died before it reported (op.recover_fault set, its
+// breadcrumbs in op.opkg_reached and op.pkg->du.index): brings the package back to a state the
+// record files, the data model and opkg agree on, and reports the failure once with
+// op.recover_fault (9001 after a cancel, 9002 otherwise). An install is undone as its failure
+// path undoes; an update keeps the version opkg has (recording it when opkg installed the new
+// one) and starts the units again; a remove that opkg completed is finished, else the package
+// stays. 0 when the package ended consistent, -1 without a package.
+int package_opkg_recover_operate(engine_context& ctx, operation_info& op);
+
 // 1 when the package's feed offers a version newer than the installed one, 0 otherwise
 // (including every failure).
 int package_opkg_islatestversion(engine_context& ctx, const pkg_info& pkg);

@@ -129,6 +129,19 @@ int package_opkg_update_eu_info(engine_context& ctx, pkg_info& pkg);
 void get_filelist(engine_context& ctx, pkg_info& pkg);
 
 // ---------------------------------------------------------------------------------------------
+// Steps the operations share with the recovery of an interrupted one
+
+// Undoes an install: opkg removes the package first when `remove_package` (opkg installed it),
+// then the environment, the data-model instances and the record files go.
+void undo_install(engine_context& ctx, const operation_info& op, bool remove_package);
+// The new version's records (units discovered again) replace the installed version's.
+void refresh_update_records(engine_context& ctx, const operation_info& op);
+// The data-model instances and record files of a package opkg has removed.
+void forget_removed_package(engine_context& ctx, const operation_info& op);
+// opkg's control file of the package: it exists while opkg has the package installed.
+std::string installed_check_path(const engine_context& ctx, const pkg_info& pkg);
+
+// ---------------------------------------------------------------------------------------------
 // Latest-version query
 
 // The highest version the index text lists for `name` (empty when none; at most 127 characters).

@@ -82,6 +82,8 @@ public:
     std::string ee_path(std::int32_t index) const { return index_path("/ee/", index); }
     // The directory of the package files.
     std::string pkg_dir() const { return base_ + "/pkg"; }
+    // The directory of the operation journal, beside the record directories.
+    std::string journal_dir() const { return base_ + "/journal"; }
 
 private:
     std::string index_path(std::string_view dir, std::int32_t index) const;

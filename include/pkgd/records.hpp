@@ -147,6 +147,12 @@ struct operation_info {
     // to a released record.
     std::shared_ptr<pkg_info> pkg;
     std::shared_ptr<worker_proc> proc;  // null while waiting
+    std::int32_t seq = 0;               // its journal entry's number; 0 while not journaled
+    // Non-zero once a worker died before recording the result: the operation then runs again as
+    // its recovery, which brings the package back to a consistent state and reports this fault.
+    std::int32_t recover_fault = 0;
+    // The worker's breadcrumb: it reached the step where opkg changes the package.
+    bool opkg_reached = false;
 };
 
 // Releasing unit data. The deployment unit keeps its fixed fields (index, uuid, version, ...)

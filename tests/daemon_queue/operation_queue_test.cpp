@@ -9,6 +9,10 @@
 #include <map>
 #include <string>
 
+#include "daemon/operation_request.hpp"
+#include "daemon/operation_results.hpp"
+#include "daemon_fixture.hpp"
+#include "pkgd/datamodel.hpp"
 #include "poll.hpp"
 #include "recorded_workers.hpp"
 #include "ubus/loop.hpp"
@@ -22,6 +26,7 @@ std::shared_ptr<operation_info> op(std::int32_t request_id) {
     o->operate_id = 1;
     o->operate_mid = 1;
     o->pkg = std::make_shared<pkg_info>();
+    o->pkg->id = std::to_string(request_id);
     return o;
 }
 
@@ -71,6 +76,62 @@ TEST_F(Queue, AWorkerThatCannotBeWatchedIsKilledAndNeverHoldsTheQueue) {
     EXPECT_EQ(workers.started.back(), 2);
 }
 
+// The daemon's side of the journal, the recorded workers playing the worker's side.
+class JournaledQueue : public daemon_test::DaemonTest {
+protected:
+    JournaledQueue() {
+        d_.journal.emplace(d_.files.journal_dir());
+        EXPECT_TRUE(d_.journal->prepare());
+        d_.workers = std::make_unique<RecordedWorkers>();
+        d_.queue.settle = [this](operation_info& o, int status) { return settle_operation(d_, o, status); };
+    }
+    RecordedWorkers& workers() { return static_cast<RecordedWorkers&>(*d_.workers); }
+    bool kept(std::int32_t seq) const { return std::filesystem::exists(d_.journal->path(seq)); }
+    // What a worker does when it reports.
+    void record_result(std::int32_t seq, bool sent) {
+        journal_entry entry = *d_.journal->read(seq);
+        entry.started = true;
+        entry.result = R"({"RequestID":)" + std::to_string(entry.op.request_id) + R"(,"FaultCode":0})";
+        entry.sent = sent;
+        ASSERT_TRUE(d_.journal->write(entry));
+    }
+};
+
+TEST_F(JournaledQueue, EveryOperationEndsWithOneResultWhateverKillsItsWorker) {
+    for (int id : {1, 2}) ASSERT_EQ(queue_operation(d_, op(id)), kQueueOk);
+    ASSERT_TRUE(kept(1) && kept(2));
+    workers().exit(100);  // killed from outside: its recovery runs before anything newer
+    EXPECT_EQ(workers().started, (std::vector<std::int32_t>{1, 1}));
+    EXPECT_EQ(d_.queue._info.front()->recover_fault, 9002);
+    record_result(1, true);
+    workers().exit(101);
+    EXPECT_FALSE(kept(1));
+
+    EXPECT_EQ(pkgd::opkg_cancel(d_.queue, workers(), 2, 1, 1), kQueueOk);
+    EXPECT_EQ(workers().killed, std::vector<pid_t>{102});
+    workers().exit(102);
+    EXPECT_EQ(workers().started, (std::vector<std::int32_t>{1, 1, 2, 2}));
+    EXPECT_EQ(d_.queue._info.front()->recover_fault, 9001);
+
+    // A result the worker recorded but could not send waits for the bus.
+    record_result(2, false);
+    d_.ctx.close();
+    workers().exit(103);
+    EXPECT_TRUE(d_.queue._info.empty() && kept(2));
+    ASSERT_EQ(d_.ctx.connect(broker_.socket()), ubus::kOk);
+    std::vector<std::string> results;
+    ASSERT_EQ(client_.listen(kOperationResultEvent, [&](std::string_view, ubus::Bytes m) {
+        results.emplace_back();
+        ubus::json_format_list(results.back(), m, false);
+    }).status, ubus::kOk);
+    send_pending_results(d_);
+    send_pending_results(d_);
+    EXPECT_TRUE(testsupport::poll_until(std::chrono::seconds(10), [&] { return client_.dispatch(10), !results.empty(); }));
+    client_.dispatch(100);
+    EXPECT_EQ(results, std::vector<std::string>{R"({"RequestID":2,"FaultCode":0})"});
+    EXPECT_FALSE(kept(2));
+}
+
 // Whether `pid` is a live process (not gone, not a zombie waiting to be reaped).
 bool alive(pid_t pid) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
@@ -86,7 +147,7 @@ TEST(ForkedWorkers, CancelEndsTheWholeProcessGroupAndTheQueueGoesOn) {
     int pipe_fds[2];
     ASSERT_EQ(::pipe(pipe_fds), 0);
     ForkedWorkers workers(loop, [&](const operation_info& o) {
-        if (o.request_id != 1) return;
+        if (o.request_id != 1) return 0;
         const pid_t grandchild = ::fork();
         if (grandchild == 0) {
             ::execlp("sleep", "sleep", "600", static_cast<char*>(nullptr));
@@ -94,6 +155,7 @@ TEST(ForkedWorkers, CancelEndsTheWholeProcessGroupAndTheQueueGoesOn) {
         }
         (void)!::write(pipe_fds[1], &grandchild, sizeof grandchild);
         ::pause();
+        return 0;
     });
     operation_queue queue;
     ASSERT_EQ(enqueue_operation(queue, workers, op(1)), kQueueOk);

@@ -169,6 +169,55 @@ TEST_F(Operation, Remove) {
                  rig.exists("/usr/local/package/pkg/3"));
 }
 
+// A worker died: the recovery decides from the records and opkg's state what is consistent.
+TEST_F(Operation, RecoveryLeavesRecordsDataModelAndOpkgAgreeingAndReportsOnce) {
+    struct Row {
+        std::string id;
+        std::int32_t type;
+        bool reached, opkg_has;
+        std::string control_version, tail;
+        bool removed, records_kept;
+    };
+    const std::vector<Row> rows{
+        // Before opkg ran, an installed "hello" is somebody else's: it stays.
+        {"install early", OPERATION_INSTALL, false, true, "1.0", "report 9002|event 9|log interrupted operation.", false, false},
+        {"install late", OPERATION_INSTALL, true, true, "1.0", "report 9002|event 9|log interrupted operation.", true, false},
+        {"cancel", OPERATION_INSTALL, true, false, "", "report 9001|event 9|log interrupted operation.", false, false},
+        {"update old", OPERATION_UPDATE, true, true, "1.0", "log interrupted operation.|report 9002|event 24", false, true},
+        {"update new", OPERATION_UPDATE, true, true, "2.0", "log interrupted operation.|report 9002|event 24", false, true},
+        {"remove kept", OPERATION_REMOVE, true, true, "1.0", "log interrupted operation.|report 9002|event 14", false, true},
+        {"remove done", OPERATION_REMOVE, true, false, "", "log interrupted operation.|report 9002|event 13", false, false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.id);
+        Scene t;
+        t.op.type = row.type;
+        t.op.opkg_reached = row.reached;
+        t.op.recover_fault = row.id == "cancel" ? 9001 : 9002;
+        t.pkg.du = {};
+        t.pkg.du.index = 7;
+        t.pkg.du.name = "hello";
+        t.pkg.du.version = "1.0";
+        t.pkg.eu = {{8, ".8", "hello"}};
+        t.rig.ctx.records.store_du(t.pkg);
+        if (row.id != "cancel") t.rig.ctx.records.store_eu(t.pkg), t.rig.ctx.records.store_pkg(t.pkg);
+        if (row.opkg_has) t.rig.write("/usr/lib/opkg/info/hello.control", "Package: hello\nVersion: " + row.control_version + "\n");
+        t.rig.write("/usr/lib/opkg/info/hello.list", "/etc/init.d/hello\n");
+        t.pkg.du.name.reset();  // the journal's record knows only the index
+        t.pkg.eu.clear();
+        EXPECT_EQ(package_opkg_recover_operate(t.rig.ctx, t.op), 0);
+        EXPECT_EQ(t.story(), row.tail);
+        EXPECT_EQ(t.ran("opkg remove hello"), row.removed);
+        EXPECT_EQ(t.rig.exists("/usr/local/package/du/7"), row.records_kept);
+        EXPECT_EQ(t.rig.exists("/usr/local/package/pkg/3"), row.records_kept);
+        EXPECT_EQ(t.rig.only("delete 0").size(), row.records_kept ? 0u : 1u);
+        const auto du = read_text_file(t.rig.root + "/usr/local/package/du/7").value_or("");
+        EXPECT_EQ(du.find("\"version\":\"2.0\"") != std::string::npos, row.id == "update new");
+        EXPECT_EQ(t.rig.exists("/usr/local/package/eu/8"), row.records_kept && row.id != "update new");
+        EXPECT_EQ(t.rig.only("start").size(), row.type == OPERATION_UPDATE ? 1u : 0u);
+    }
+}
+
 TEST_F(Operation, LatestVersionUsesItsOwnConfigurationAndIndex) {
     pkg.du.name = "hello";
     rig.exit_codes["update"] = 1;  // a failed refresh leaves the index there was

@@ -1,0 +1,135 @@
+#include "daemon/operation_results.hpp"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+
+#include "daemon/journal_worker.hpp"
+#include "daemon/operation_request.hpp"
+#include "daemon/package_registry.hpp"
+#include "pkgd/datamodel.hpp"
+#include "pkgd/platform.hpp"
+#include "ubus/json.hpp"
+
+namespace pkgd {
+namespace {
+
+bool send_result(daemon_context& d, const std::string& result_json) {
+    ubus::BlobBuf msg;
+    if (!ubus::json_load(msg, result_json)) return true;  // nothing sendable will ever come of it
+    return d.ctx.connected() && d.ctx.send_event(kOperationResultEvent, msg.members()) == ubus::kOk;
+}
+
+bool worker_sent_result(int wait_status) {
+    return WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == kWorkerResultSent;
+}
+
+// After a recovery the package is what its record files say: gone when its package file went
+// (an undone install, a finished remove), else reloaded and installed. Events of the recovery
+// worker that arrive later say the same.
+void follow_records(daemon_context& d, const operation_info& op) {
+    const registered_pkg* entry = d.s_pkgs.find_object(op.pkg->object_name);
+    if (!entry) return;
+    pkg_info& pkg = *entry->pkg;
+    std::error_code ec;
+    const std::string pkg_file = d.files.pkg_path(pkg.id);
+    if (pkg_file.empty() || !std::filesystem::exists(pkg_file, ec)) {
+        del_pkg(d, op.pkg->object_name);
+        return;
+    }
+    d.files.reload_pkg(pkg);
+    pkg.status = PKG_STATUS_INSTALLED;
+}
+
+bool is_queued(const daemon_context& d, std::int32_t seq) {
+    return std::any_of(d.queue._info.begin(), d.queue._info.end(),
+                       [seq](const auto& op) { return op->seq == seq; });
+}
+
+// The record a resumed operation runs on, as a fresh request would have made it.
+std::shared_ptr<pkg_info> resumed_package(daemon_context& d, const journal_entry& entry) {
+    const pkg_info& kept = *entry.op.pkg;
+    const registered_pkg* registered = d.s_pkgs.find_object(kept.object_name);
+    switch (entry.op.type) {
+        case OPERATION_INSTALL: {
+            pkg_info fields = kept;
+            fields.status = PKG_STATUS_NEW;
+            if (auto pkg = add_pkg(d, kept.id, std::move(fields))) return pkg;
+            break;
+        }
+        case OPERATION_UPDATE:
+            if (registered) {
+                auto copy = update_working_copy(*registered->pkg);
+                copy->url = kept.url;
+                copy->username = kept.username;
+                copy->password = kept.password;
+                copy->version = kept.version;
+                return copy;
+            }
+            break;
+        case OPERATION_REMOVE:
+            if (registered) return registered->pkg;
+            break;
+        default:
+            break;
+    }
+    // The package has gone meanwhile: the operation still runs, fails and reports.
+    return std::make_shared<pkg_info>(kept);
+}
+
+}  // namespace
+
+bool settle_operation(daemon_context& d, operation_info& op, int wait_status) {
+    if (!d.journal || op.seq == 0) return true;
+    const std::optional<journal_entry> entry = d.journal->read(op.seq);
+    if (entry && !entry->result.empty()) {
+        if (entry->sent || worker_sent_result(wait_status) || send_result(d, entry->result))
+            d.journal->remove(op.seq);
+        if (op.recover_fault != 0 && op.pkg) follow_records(d, op);
+        return true;
+    }
+    if (worker_sent_result(wait_status)) {
+        d.journal->remove(op.seq);
+        return true;
+    }
+    // The worker died before recording its result: its recovery runs next and reports.
+    if (op.recover_fault == 0) op.recover_fault = kFaultInternalError.code;
+    if (entry) {
+        op.opkg_reached = op.opkg_reached || entry->op.opkg_reached;
+        if (op.pkg && op.pkg->du.index == 0) op.pkg->du.index = entry->op.pkg->du.index;
+    }
+    log_sys(6, 2, 0, 0, "Operation %d ended without a result; recovering it.\n", op.seq);
+    return false;
+}
+
+void send_pending_results(daemon_context& d) {
+    if (!d.journal) return;
+    const auto entries = d.journal->load(
+        [](const std::string& path) { log_sys(3, 2, 0, 0, "Unreadable journal entry %s removed.\n", path.c_str()); });
+    for (const journal_entry& entry : entries) {
+        if (entry.result.empty() || is_queued(d, entry.op.seq)) continue;
+        if (entry.sent || send_result(d, entry.result)) d.journal->remove(entry.op.seq);
+    }
+}
+
+void resume_journal(daemon_context& d) {
+    if (!d.journal) return;
+    const auto entries = d.journal->load(
+        [](const std::string& path) { log_sys(3, 2, 0, 0, "Unreadable journal entry %s removed.\n", path.c_str()); });
+    for (const journal_entry& entry : entries) {
+        if (!entry.result.empty()) continue;  // only its result is missing: send_pending_results
+        auto op = std::make_shared<operation_info>(entry.op);
+        if (entry.started) {
+            // Recovered on the journal's record: the recovery reads the record files itself.
+            op->recover_fault = kFaultInternalError.code;
+        } else {
+            op->pkg = resumed_package(d, entry);
+        }
+        d.queue._info.push_back(std::move(op));
+    }
+    if (d.workers) lcm_request_queue_cb(d.queue, *d.workers);
+}
+
+}  // namespace pkgd
