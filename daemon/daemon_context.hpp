@@ -56,6 +56,9 @@ struct daemon_context {
     package_waits waits;
 };
 
+// The category of the daemon's own log records (the workers' operations log under their own).
+inline constexpr int kDaemonLogCategory = 1;
+
 // A handler of one of the daemon's objects, given the context it works on.
 using daemon_handler = int (*)(daemon_context& d, ubus::Request& req);
 

@@ -21,6 +21,11 @@ void package_registry::link_front(std::shared_ptr<pkg_info> pkg, std::uint32_t o
     by_object_.emplace(it->pkg->object_name, it);
 }
 
+void package_registry::rebind(std::string_view object_name, std::uint32_t object_id) {
+    const auto found = by_object_.find(object_name);
+    if (found != by_object_.end()) found->second->object_id = object_id;
+}
+
 void package_registry::unlink(std::string_view object_name) {
     const auto found = by_object_.find(object_name);
     if (found == by_object_.end()) return;

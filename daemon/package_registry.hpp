@@ -40,6 +40,9 @@ public:
 
     // Puts `pkg` at the head. Its id and object name must be set, and neither may be registered.
     void link_front(std::shared_ptr<pkg_info> pkg, std::uint32_t object_id);
+    // The package of that object name is now reached by the object `object_id` (after the daemon
+    // registered its objects again on a new connection). Nothing when there is no such package.
+    void rebind(std::string_view object_name, std::uint32_t object_id);
     // Takes the package of that object name out of the registry (nothing when there is none).
     void unlink(std::string_view object_name);
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "daemon/daemon_context.hpp"
+#include "daemon/daemon_objects.hpp"
 #include "daemon/ee_object.hpp"
 #include "daemon/event_intake.hpp"
 #include "daemon/journal_worker.hpp"
@@ -14,6 +15,7 @@
 #include "daemon/operation_results.hpp"
 #include "daemon/package_operation_object.hpp"
 #include "daemon/packages_object.hpp"
+#include "daemon/reconnect.hpp"
 #include "daemon/restore.hpp"
 #include "pkgd/engine.hpp"
 #include "pkgd/identity.hpp"
@@ -36,23 +38,19 @@ void make_dir(const char* path) {
 // Registers the objects in their fixed order, restores the registry and serves. Clients see the
 // execution-environment object last, once every restored package has its object.
 int register_and_serve(daemon_context& d, ubus::Loop& loop) {
-    if (add_package_object(d).status != ubus::kOk) return kExitNoBus;
-    if (add_lcm_event_handler(d).status != ubus::kOk) return kExitNoBus;
     d.pkg_name = package_operation_object_name(d.ee.id.view());
-    if (add_opkg_object(d).status != ubus::kOk) return kExitNoBus;
-
+    d.s_ee_object = ee_object_name(d.ee.id.view());
+    if (add_service_objects(d) != ubus::kOk) return kExitNoBus;
     restore_registered_packages(d);
     resume_journal(d);
-
     // Without this object the packages are still served; its absence only hides the figures.
-    d.s_ee_object = ee_object_name(d.ee.id.view());
     add_ee_object(d);
     send_pending_results(d);
 
-    // A daemon without its bus can serve nobody: end, so that a supervisor starts it again.
-    d.ctx.on_disconnect([&loop] { loop.stop(); });
+    // A broker that goes away comes back with the daemon's objects registered again.
+    bus_reconnect reconnect(d, loop, ubus::kDefaultSocket);
     loop.run();
-    return 0;
+    return reconnect.refused ? kExitNoBus : 0;
 }
 
 // Failures here do not stop start-up: a failed detach serves from the foreground, a failed change
@@ -98,7 +96,6 @@ int run_daemon(const start_options& options) {
             loop, [journal](const operation_info& op) { return run_worker(journal, op); });
         d.queue.settle = [&d](operation_info& op, int wait_status) { return settle_operation(d, op, wait_status); };
         status = register_and_serve(d, loop);
-        d.ctx.on_disconnect({});
         d.ctx.detach();
         d.workers.reset();  // it forks from this loop
     }

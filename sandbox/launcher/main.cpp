@@ -43,7 +43,7 @@ constexpr const char* kUsageText = R"(usage:
       --ready-timeout MS   how long start-up may take (default 20000)
   pkgd-sandbox build ROOT [--busybox PATH] [--tool HOST:INSIDE]...
   pkgd-sandbox exec ROOT [--env NAME=VALUE]... [--pid-fd N] -- PROGRAM [ARG...]
-  pkgd-sandbox ctl ROOT status|start|stop|restart|signal N
+  pkgd-sandbox ctl ROOT status|start|stop|restart|signal N|restart-broker
 )";
 
 int usage(std::string_view problem) {

@@ -348,6 +348,7 @@ private:
 
     std::string handle(std::string_view request) {
         if (request == "status") return "ok " + format_pkgd_status(pkgd_status());
+        if (request == "restart-broker") return restart_broker();
         if (options_.pkgd.empty()) return "error no pkgd is configured";
         if (stopping_) return "error the sandbox is shutting down";
         if (request == "start") {
@@ -376,6 +377,33 @@ private:
             return "error unknown request: " + std::string(request.substr(0, 64));
         }
         return "ok " + format_pkgd_status(pkgd_status());
+    }
+
+    // The broker goes as on a crash (SIGKILL: no client is told) and starts again on the same
+    // socket; the simulator, which ends with its broker, starts again after it. Answered once the
+    // broker accepts connections again (and the simulator is ready), so that a client can time
+    // how long pkgd takes to come back from there.
+    std::string restart_broker() {
+        if (stopping_) return "error the sandbox is shutting down";
+        if (broker_.pid == 0) return "error the broker is not running";
+        ::kill(broker_.pid, SIGKILL);
+        wait_for_end(broker_);
+        wait_for_end(simulator_);
+        if (Status s = start_broker(); !s) return "error " + s.error();
+        if (!options_.simulator.empty()) {
+            if (Status s = start_simulator(); !s) return "error " + s.error();
+        }
+        return "ok " + format_pkgd_status(pkgd_status());
+    }
+
+    // Reaps until `child` has ended, killing it once it outstays the stop grace.
+    void wait_for_end(Child& child) {
+        const auto kill_at = Clock::now() + options_.stop_grace;
+        while (child.pid != 0) {
+            if (Clock::now() >= kill_at) ::kill(child.pid, SIGKILL);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            reap();
+        }
     }
 
     // In stopping order.

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <filesystem>
 #include <map>
 #include <thread>
@@ -34,7 +35,9 @@ struct FakeSystem final : SystemEnv {
     std::vector<file_id> running;
     std::optional<std::string> meminfo() override { return memory; }
     std::optional<fs_figures> root_fs() override { return disk; }
+    std::function<void()> on_file_lookup;  // what happens meanwhile, as a List reads the files
     std::optional<file_id> file_identity(const std::string& path) override {
+        if (on_file_lookup) on_file_lookup();
         const auto it = files.find(path);
         return it == files.end() ? std::nullopt : std::optional(it->second);
     }

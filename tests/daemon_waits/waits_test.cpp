@@ -4,7 +4,11 @@
 #include <future>
 #include <mutex>
 
+#include "daemon/ee_object.hpp"
+#include "daemon/event_intake.hpp"
+#include "daemon/package_operation_object.hpp"
 #include "daemon/packages_object.hpp"
+#include "daemon/reconnect.hpp"
 #include "daemon_fixture.hpp"
 #include "pkgd/lcm_events.hpp"
 #include "poll.hpp"
@@ -60,6 +64,7 @@ protected:
         one.username = "me";
         one.password = "pw";
         one.eu.emplace_back().name = "svc-a";
+        one.du.files = "/usr/bin/app-1;";
         two.status = PKG_STATUS_INSTALLING;
         EXPECT_TRUE(add_pkg(d_, "1", one) && add_pkg(d_, "2", two));
         EXPECT_EQ(add_package_object(d_).status, ubus::kOk);
@@ -75,6 +80,7 @@ protected:
         std::lock_guard lock(mutex_);
         return log_ += line.empty() ? "" : line + "|";
     }
+    // `id`: a package's, "" for the Packages object, or any object's name.
     std::future<std::string> call_async(std::string id, std::string method, std::string args = "{}") {
         return std::async(std::launch::async, [=, this] {
             ubus::Connection caller;
@@ -82,7 +88,8 @@ protected:
             std::uint32_t object = 0;
             std::string reply;
             if (caller.connect(broker_.socket()) == ubus::kOk && ubus::json_load(msg, args) &&
-                caller.lookup_id(id.empty() ? kPackages : object_of(id), object) == ubus::kOk)
+                caller.lookup_id(id.empty() ? kPackages : id.find('.') == id.npos ? object_of(id) : id, object) ==
+                    ubus::kOk)
                 caller.invoke(
                     object, method, msg.members(), [&](ubus::Bytes m) { reply = json(m); }, 20000);
             return reply;
@@ -172,6 +179,58 @@ TEST_F(Waits, WaitingCallsHoldUpNoOtherCall) {
     EXPECT_FALSE(ready(start) || ready(latest));
     EXPECT_EQ(served(std::move(start)), kIllegal);
     EXPECT_EQ(served(std::move(latest)), kLatest);
+}
+
+// The broker goes twice: while a List is being answered, with a Start and an IsLatestVersion
+// waiting, then while the daemon idles. Once it accepts again every object of the daemon is back
+// under its name, callable and known to the registry by its new id, and so is the LCM listener.
+// The third time another client holds the Packages object's name when the daemon comes back.
+TEST_F(Waits, AfterEachBrokerRestartEveryObjectIsBackAndCallable) {
+    d_.pkg_name = "SoftwareModules.Package.System";
+    d_.s_ee_object = "Services.Management.LCM.ExecutionEnvironments.System";
+    ASSERT_TRUE(add_lcm_event_handler(d_).status == ubus::kOk && add_opkg_object(d_).status == ubus::kOk &&
+                add_ee_object(d_).status == ubus::kOk);
+    bus_reconnect reconnect(d_, loop_, broker_.socket());
+    manager_silent_ = true;
+    auto start = call_async("1", "Start"), latest = call_async("1", "IsLatestVersion");
+    ASSERT_TRUE(serve_until([&] { return d_.waits.size() == 1 && !log().empty(); }));
+    sys_.on_file_lookup = [&] { broker_.stop(SIGKILL); };
+    EXPECT_EQ(served(call_async("", "List")), "");  // its caller went with the broker
+    sys_.on_file_lookup = {};
+    EXPECT_EQ(served(std::move(start)) + served(std::move(latest)), "");
+
+    const std::string names[] = {std::string(kPackages), object_of("1"), object_of("2"), d_.pkg_name.str(),
+                                 d_.s_ee_object.str()};
+    for (const auto& [event, status] : {std::pair(kLcmDownloading, PKG_STATUS_DOWNLOADING),
+                                        std::pair(kLcmInstalling, PKG_STATUS_INSTALLING)}) {
+        if (status == PKG_STATUS_INSTALLING) broker_.stop();
+        ASSERT_TRUE(serve_until([&] { return reconnect.down; }));
+        broker_.start();
+        ubus::Connection probe;
+        ASSERT_EQ(probe.connect(broker_.socket()), ubus::kOk);
+        std::map<std::string, std::uint32_t> ids;
+        ASSERT_TRUE(serve_until([&] {
+            return std::all_of(std::begin(names), std::end(names),
+                               [&](const std::string& n) { return probe.lookup_id(n, ids[n]) == ubus::kOk; });
+        }));
+        EXPECT_EQ(d_.s_pkgs.find_object(object_of("1"))->object_id, ids[object_of("1")]);
+        EXPECT_NE(served(call_async("", "List")).find(R"("Id":"2")"), std::string::npos);
+        EXPECT_NE(served(call_async("1", "Get")).find(R"("Id":"1")"), std::string::npos);
+        EXPECT_NE(served(call_async(d_.s_ee_object.str(), "Get")).find(R"("Status":"Active")"), std::string::npos);
+        EXPECT_NE(served(call_async(d_.pkg_name.str(), "List")), "");
+        ubus::BlobBuf msg;
+        lcm_event_message(msg, event.code, event.name, kLcmPackageIdKey, object_of("2"));
+        ASSERT_EQ(probe.send_event(kLcmEventType, msg.members()), ubus::kOk);
+        EXPECT_TRUE(serve_until([&, status = status] { return d_.s_pkgs.begin()->pkg->status == status; }));
+    }
+    // A name another client took meanwhile ends the serving, as it ends start-up.
+    broker_.stop();
+    ASSERT_TRUE(serve_until([&] { return reconnect.down; }));
+    broker_.start();
+    ubus::Connection squatter;
+    ASSERT_EQ(squatter.connect(broker_.socket()), ubus::kOk);
+    ASSERT_EQ(squatter.add_object(kPackages, ubus::ObjectType::make({})).status, ubus::kOk);
+    EXPECT_TRUE(serve_until([&] { return reconnect.refused; }));
 }
 
 }  // namespace

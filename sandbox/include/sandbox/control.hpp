@@ -1,6 +1,7 @@
 // The launcher's control socket: one request line, one reply line per connection.
 //
-//   requests: "status", "start", "stop", "restart", "signal <number>"
+//   requests: "status", "start", "stop", "restart", "signal <number>" (all about pkgd), and
+//             "restart-broker" (kills the broker and starts it again, with the simulator)
 //   replies:  "ok <pkgd status>" or "error <message>"
 //
 // A pkgd status is "<state> <pid> <runs> <last exit>", e.g. "running 7 2 exit:0" or

@@ -137,6 +137,9 @@ public:
     Status stop_pkgd() const;  // SIGTERM, then SIGKILL if it lingers
     Status restart_pkgd() const;
     Status signal_pkgd(int sig) const;
+    // Kills the broker (SIGKILL) and starts it again, the simulator too when there is one; returns
+    // once the broker accepts connections again.
+    Status restart_broker() const;
     std::optional<PkgdStatus> pkgd_status() const;
     // The first status that satisfies `done`, polled until `timeout` passes.
     std::optional<PkgdStatus> wait_pkgd(const std::function<bool(const PkgdStatus&)>& done,
