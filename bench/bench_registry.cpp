@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "bench_clock.hpp"
+#include "pkgd_process.hpp"
 #include "pkgd/record_files.hpp"
 #include "sandbox/feed/index.hpp"
 #include "sandbox/feed/package.hpp"
@@ -71,33 +72,9 @@ void seed(const fs::path& root) {
     }
 }
 
-// pkgd's process as the host sees it.
-std::optional<pid_t> pkgd_host_pid(const sandbox::Gateway& gw) {
-    for (pid_t pid : sandbox::processes_in_namespace("pid", gw.pid_namespace())) {
-        std::error_code ec;
-        const fs::path exe = fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec);
-        if (!ec && exe.filename() == "pkgd") return pid;
-    }
-    return std::nullopt;
-}
-
-// Private_Clean + Private_Dirty, in kB.
-long uss_kb(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/smaps_rollup");
-    long total = 0;
-    for (std::string line; std::getline(in, line);) {
-        if (!line.starts_with("Private_Clean:") && !line.starts_with("Private_Dirty:")) continue;
-        std::istringstream fields(line.substr(line.find(':') + 1));
-        long kb = 0;
-        fields >> kb;
-        total += kb;
-    }
-    return total;
-}
-
 void print_uss(const char* when, const sandbox::Gateway& gw) {
-    const std::optional<pid_t> pid = pkgd_host_pid(gw);
-    if (pid) std::printf("pkgd USS %-46s %8ld kB\n", when, uss_kb(*pid));
+    const std::optional<pid_t> pid = bench::pkgd_host_pid(gw);
+    if (pid) std::printf("pkgd USS %-46s %8ld kB\n", when, bench::memory_of(*pid).uss_kb);
 }
 
 // Stopping only signals pkgd; the next start needs it gone.

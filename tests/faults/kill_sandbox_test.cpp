@@ -36,9 +36,9 @@ const Row kRows[] = {
     {"InstallInstallingWorker", Op::kInstall, 3, {"20", "6", "21"}, Victim::kWorker},
     {"InstallInstallingPkgd", Op::kInstall, 3, {"20", "6", "21"}, Victim::kPkgd},
     {"InstallDonePkgd", Op::kInstall, -1, {"20", "6", "21", "result 0", "8"}, Victim::kPkgd},
-    {"UpdateUpdatingWorker", Op::kUpdate, 1, {"23"}, Victim::kWorker},
-    {"UpdateUpdatingPkgd", Op::kUpdate, 1, {"23"}, Victim::kPkgd},
-    {"UpdateDonePkgd", Op::kUpdate, -1, {"23", "result 0", "25"}, Victim::kPkgd},
+    {"UpdateUpdatingWorker", Op::kUpdate, 1, {"23", "11"}, Victim::kWorker},
+    {"UpdateUpdatingPkgd", Op::kUpdate, 1, {"23", "11"}, Victim::kPkgd},
+    {"UpdateDonePkgd", Op::kUpdate, -1, {"23", "11", "result 0", "25"}, Victim::kPkgd},
     {"UninstallDeletingWorker", Op::kUninstall, 1, {"22"}, Victim::kWorker},
     {"UninstallDeletingPkgd", Op::kUninstall, 1, {"22"}, Victim::kPkgd},
     {"UninstallDonePkgd", Op::kUninstall, -1, {"22", "13", "result 0"}, Victim::kPkgd},
@@ -123,8 +123,10 @@ TEST_P(KilledAtAStage, LeavesOneResultAndAPlaceThatAgrees) {
                                                          : (done ? "" : "1.0");
     std::string seen;
     EXPECT_TRUE(testsupport::poll_until(10s, [&] { return (seen = faults::observe(gw, bus)) == faults::agreeing(expected); }))
-        << seen << "\nwith result " << fault << ", expected\n" << faults::agreeing(expected);
+        << seen << "\nwith result " << fault << ", expected\n"
+        << faults::agreeing(expected) << "\nevents " << ::testing::PrintToString(bus.story(0, 0ms));
     EXPECT_EQ(faults::results_of(bus, 2), 1);
+    EXPECT_EQ(sandbox::format_pkgd_status(*gw.pkgd_status()).substr(0, 7), "running") << "pkgd did not stay up";
     if (row.victim == Victim::kWorker) {
         EXPECT_TRUE(fault == std::to_string(kInternalError) || (done && row.op != Op::kInstall)) << fault;
     }
