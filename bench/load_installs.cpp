@@ -2,12 +2,13 @@
 // (default 1000), each of a distinct small package from the loopback feed, while clients (default
 // 8) call List in a loop. Prints how many were accepted and how many results came (each accepted
 // operation must have exactly one), pkgd's peak RSS and USS sampled from /proc during the run, and
-// the List round trips during the burst (median, p99, max). Exit status 1 when an accepted
-// operation has no result or more than one.
+// the List round trips during the burst (median, p99, max), and what every place of the gateway
+// holds afterwards. Exit status 1 when an accepted operation has no result or more than one, or
+// when the places disagree (as many packages installed, listed, recorded, in the catalog and in
+// the data model as installs succeeded).
 //
 //   load_installs [--count N] [--clients K]
 #include <stdlib.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -25,7 +26,9 @@
 #include "sandbox/feed/index.hpp"
 #include "sandbox/feed/package.hpp"
 #include "sandbox/feed/pki.hpp"
+#include "sandbox/feed/service_feed.hpp"
 #include "sandbox/gateway.hpp"
+#include "sandbox/inventory.hpp"
 #include "ubus/client.hpp"
 
 namespace {
@@ -44,19 +47,6 @@ constexpr auto kPerOperation = 5s;  // the longest wait for all results, per ope
 struct Options {
     int count = 1000;
     int clients = 8;
-};
-
-struct ScratchDir {
-    fs::path path;
-    ScratchDir() {
-        std::string pattern = std::string(BENCH_SCRATCH_DIR) + "/load-feed-XXXXXX";
-        if (::mkdtemp(pattern.data()) != nullptr) path = pattern;
-        ::chmod(path.c_str(), 0755);
-    }
-    ~ScratchDir() {
-        std::error_code ignored;
-        fs::remove_all(path, ignored);
-    }
 };
 
 // "ld-<i>", one small file each, all in one signed index.
@@ -158,17 +148,17 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: load_installs [--count N] [--clients K]\n");
         return 2;
     }
-    const ScratchDir feed_dir;
+    const feed::ScratchDir feed_dir(BENCH_SCRATCH_DIR, "load-feed");
     sandbox::GatewayOptions gw_options;
     gw_options.name = "load";
     gw_options.pkgd = gw_options.simulator = true;
-    gw_options.feed_dir = feed_dir.path;
+    gw_options.feed_dir = feed_dir.path();
     sandbox::Gateway gw(gw_options);
     if (!gw.up()) {
         std::fprintf(stderr, "load_installs: %s\n", gw.error().c_str());
         return 1;
     }
-    publish(feed_dir.path, gw.feed_pki_dir(), options.count);
+    publish(feed_dir.path(), gw.feed_pki_dir(), options.count);
 
     ubus::Connection bus;
     bus.set_request_timeout(30000);
@@ -234,5 +224,9 @@ int main(int argc, char** argv) {
                 percentile(listers.ms, 0.99), percentile(listers.ms, 1.0));
     std::printf("pkgd memory             idle RSS %ld kB USS %ld kB; peak RSS %ld kB USS %ld kB; after RSS %ld kB USS %ld kB\n",
                 idle.rss_kb, idle.uss_kb, memory.peak.rss_kb, memory.peak.uss_kb, last.rss_kb, last.uss_kb);
-    return accepted.size() == static_cast<std::size_t>(options.count) && missing == 0 && duplicated == 0 ? 0 : 1;
+    const sandbox::Inventory inventory = sandbox::take_inventory(gw, kPackages);
+    const int installed = static_cast<int>(results.size()) - failed;
+    const bool agree = inventory.agrees(installed, 0);
+    std::printf("afterwards              %s (%s)\n", inventory.counts().c_str(), agree ? "agree" : "DISAGREE");
+    return accepted.size() == static_cast<std::size_t>(options.count) && missing == 0 && duplicated == 0 && agree ? 0 : 1;
 }

@@ -20,6 +20,7 @@
 #include "default_tools.hpp"
 #include "demo_feed.hpp"
 #include "package_walk.hpp"
+#include "sandbox/feed/service_feed.hpp"
 #include "sandbox/gateway.hpp"
 #include "sandbox/root_paths.hpp"
 #include "ubus/client.hpp"
@@ -197,7 +198,7 @@ int main(int argc, char** argv) {
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stop_signals, sig);
     sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
 
-    const demo::FeedDir feed_dir;
+    const sandbox::feed::ScratchDir feed_dir(std::filesystem::temp_directory_path(), "pkgd-demo-feed");
     if (!feed_dir.made()) {
         std::fprintf(stderr, "gateway-demo: cannot make a directory for the feed\n");
         return 1;

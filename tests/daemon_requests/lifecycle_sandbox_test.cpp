@@ -6,9 +6,9 @@
 
 #include <filesystem>
 
-#include "app_feed.hpp"
 #include "gateway_client.hpp"
 #include "poll.hpp"
+#include "sandbox/feed/service_feed.hpp"
 
 namespace {
 
@@ -20,10 +20,11 @@ constexpr std::string_view kOps = "SoftwareModules.Package.System";
 const std::string kPackages = "Services.Management.LCM.ExecutionEnvironments.System.Packages";
 
 TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughTheBus) {
-    gwtest::AppFeed feed(REQUESTS_FEED_SCRATCH_DIR);
+    const sandbox::feed::ScratchDir scratch(REQUESTS_FEED_SCRATCH_DIR, "feed");
+    sandbox::feed::ServiceFeed feed(scratch.path(), "app", "app for the tests");
     sandbox::GatewayOptions options = gwtest::named_gateway();
     options.pkgd = options.simulator = true;
-    options.feed_dir = feed.dir();
+    options.feed_dir = scratch.path();
     options.feed_user = "feeder";
     options.feed_password = "pa$$ 'w0rd";
     sandbox::Gateway gw(options);
@@ -32,6 +33,9 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
     ASSERT_TRUE(bus.wait_for_object(kPackages.substr(0, kPackages.rfind('.'))));
     ASSERT_TRUE(bus.listen("Services.Management.LCM") &&
                 bus.listen("SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT"));
+    const auto publish = [&](const std::string& version) {
+        return gw.feed_url("http") + "/" + feed.publish(gw.feed_pki_dir(), version);
+    };
     const std::string creds = R"(,"Username":"feeder","Password":"pa$$ 'w0rd")";
     const auto operate = [&](std::string_view method, int request, const std::string& fields) {
         return bus
@@ -50,7 +54,7 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
     EXPECT_EQ(operate("Update", 1, R"(,"UUID":"none")"), 9);
     EXPECT_EQ(operate("Uninstall", 1, ""), 0);  // nothing selected, nothing queued
 
-    const std::string v1 = feed.publish(gw, "1.0");
+    const std::string v1 = publish("1.0");
     EXPECT_EQ(operate("Install", 1, R"(,"URL":")" + v1 + "\"" + creds), 0);
     EXPECT_EQ(bus.story(5, 60s), (V{"20", "6", "21", "result 0", "8"}));
     EXPECT_TRUE(shows("1", R"("Version":"1.0")") && shows("1", R"("Status":"Installed")")) << get("1");
@@ -65,7 +69,7 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
     const std::string ok = R"({"Header":{"Name":"OK"}})";
     EXPECT_EQ(bus.call(kPackages + ".1", "Start").first(), ok);
     EXPECT_TRUE(shows("1", R"("Status":"Running")")) << get("1");
-    const std::string v2 = feed.publish(gw, "1.10");
+    const std::string v2 = publish("1.10");
     EXPECT_EQ(bus.call(kPackages + ".1", "IsLatestVersion").first(), R"({"Header":{"Name":"OK"},"Body":{"Result":false}})");
     EXPECT_EQ(bus.call(kPackages + ".1", "Stop").first(), ok);
     EXPECT_TRUE(shows("1", R"("Status":"Installed")")) << get("1");

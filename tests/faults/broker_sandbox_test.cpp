@@ -7,7 +7,6 @@
 #include <chrono>
 #include <thread>
 
-#include "app_feed.hpp"
 #include "gateway_client.hpp"
 #include "gateway_world.hpp"
 #include "poll.hpp"
@@ -16,8 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::string_view kOps = "SoftwareModules.Package.System";
-const std::string kEnvironment = "Services.Management.LCM.ExecutionEnvironments.System";
 
 enum class Moment { kIdle, kList, kInstall };
 
@@ -25,19 +22,14 @@ class BrokerRestart : public ::testing::TestWithParam<Moment> {};
 
 TEST_P(BrokerRestart, LeavesPkgdWholeAndEachResultDeliveredOnce) {
     const Moment moment = GetParam();
-    gwtest::AppFeed feed(FAULTS_SCRATCH_DIR);
-    sandbox::GatewayOptions options;
-    options.name = "broker-" + std::to_string(static_cast<int>(moment));
-    options.pkgd = options.simulator = true;
-    options.feed_dir = feed.dir();
-    sandbox::Gateway gw(options);
-    ASSERT_TRUE(gw.up()) << gw.error();
-    gwtest::Client before(gw);
-    ASSERT_TRUE(before.wait_for_object(kEnvironment));
-    const std::string url = feed.publish(gw, "1.0");
+    faults::FaultGateway f("broker-" + std::to_string(static_cast<int>(moment)));
+    ASSERT_TRUE(f.ready()) << f.gw.error();
+    sandbox::Gateway& gw = f.gw;
+    gwtest::Client& before = f.bus;
+    const std::string url = f.publish("1.0");
     const auto install = [&](gwtest::Client& bus, int request) {
-        return bus.call(kOps, "Install", R"({"RequestID":)" + std::to_string(request) +
-                                             R"(,"OperateID":1,"OperateMID":1,"URL":")" + url + "\"}").status;
+        return bus.call(faults::kOps, "Install", R"({"RequestID":)" + std::to_string(request) +
+                                                     R"(,"OperateID":1,"OperateMID":1,"URL":")" + url + "\"}").status;
     };
 
     std::atomic<bool> listing = moment == Moment::kList;
@@ -59,7 +51,7 @@ TEST_P(BrokerRestart, LeavesPkgdWholeAndEachResultDeliveredOnce) {
     const auto back = std::chrono::steady_clock::now();
     gwtest::Client after(gw);
     ASSERT_TRUE(after.listen("Services.Management.LCM") && after.listen("SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT"));
-    for (const std::string& object : {faults::kPackages, std::string(kOps), kEnvironment})
+    for (const std::string& object : {faults::kPackages, std::string(faults::kOps), faults::kEnvironment})
         EXPECT_TRUE(after.wait_for_object(object, 10s)) << object << " not back";
     std::cout << "[ figure ] pkgd's objects back " << std::chrono::duration_cast<std::chrono::milliseconds>(
                                                           std::chrono::steady_clock::now() - back).count()
@@ -75,12 +67,12 @@ TEST_P(BrokerRestart, LeavesPkgdWholeAndEachResultDeliveredOnce) {
     }
     const pid_t pkgd = gw.pkgd_status()->pid;
     ASSERT_TRUE(testsupport::poll_until(60s, [&] {
-        return faults::results_of(after, 7) > 0 && gw.children_inside(pkgd, "pkgd").empty();
+        return !faults::results_of(after, 7).empty() && gw.children_inside(pkgd, "pkgd").empty();
     })) << "no result for the install";
     EXPECT_TRUE(testsupport::poll_until(10s, [&] {
         return after.call(faults::kPackages, "List").first().find("\"Status\":\"Installed\"") != std::string::npos;
     })) << after.call(faults::kPackages, "List").first();
-    EXPECT_EQ(faults::results_of(after, 7), 1);
+    EXPECT_EQ(faults::results_of(after, 7).size(), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Moments, BrokerRestart, ::testing::Values(Moment::kIdle, Moment::kList, Moment::kInstall),

@@ -1,23 +1,40 @@
-// What a gateway integrator checks after a fault: the package "app" as the package tool, the
-// registry, the record files, the LCM catalog and the data model see it. They agree when each
-// holds exactly one of it (installed) or none (not installed).
+// The fault suite's gateway: pkgd, the simulator and a feed of "app", a client listening to the
+// operations' events; and the one line that says what every place of the gateway holds of "app".
 #pragma once
 
 #include <string>
 
 #include "gateway_client.hpp"
+#include "sandbox/feed/service_feed.hpp"
 
 namespace faults {
 
-inline const std::string kPackages = "Services.Management.LCM.ExecutionEnvironments.System.Packages";
+inline const std::string kEnvironment = "Services.Management.LCM.ExecutionEnvironments.System";
+inline const std::string kPackages = kEnvironment + ".Packages";
+inline constexpr std::string_view kOps = "SoftwareModules.Package.System";
 
-// One line naming what each place holds, e.g. "opkg 1.0 | registry 1 1.0 Installed | files
-// pkg 1 du 1 eu 1 | catalog 1/1 | datamodel 1/1".
-std::string observe(const sandbox::Gateway& gw, gwtest::Client& bus);
-// The same line for a gateway where "app" is installed in `version`, or not at all ("").
+struct FaultGateway {
+    explicit FaultGateway(const std::string& name);
+    // Up, pkgd serving and the client listening.
+    bool ready();
+    // An operation on the package-operation object: its bus status.
+    int operate(std::string_view method, int request, const std::string& fields);
+    // Publishes `version` of "app": its URL.
+    std::string publish(const std::string& version);
+
+    sandbox::feed::ScratchDir scratch;
+    sandbox::feed::ServiceFeed feed;
+    sandbox::Gateway gw;
+    gwtest::Client bus;
+};
+
+// The gateway's inventory counts, then the packages installed and the packages listed (Running
+// reads as Installed): "opkg 1 | ... | app 1.0 | 1.0 Installed".
+std::string world(const sandbox::Gateway& gw);
+// The same line for "app" installed in `version`, or not at all ("").
 std::string agreeing(const std::string& version);
 
-// The results of the operation with this RequestID received so far.
-int results_of(gwtest::Client& bus, int request_id);
+// The fault codes of the results received so far for the operation with this RequestID.
+std::vector<std::string> results_of(gwtest::Client& bus, int request_id);
 
 }  // namespace faults

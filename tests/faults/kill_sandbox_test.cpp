@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include "app_feed.hpp"
 #include "gateway_client.hpp"
 #include "gateway_world.hpp"
 #include "poll.hpp"
@@ -16,7 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 using V = std::vector<std::string>;
 
-constexpr std::string_view kOps = "SoftwareModules.Package.System";
 constexpr int kInternalError = 9002;
 
 enum class Op { kInstall, kUpdate, kUninstall };
@@ -46,59 +44,35 @@ const Row kRows[] = {
 
 void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
-// The story's entries after the first `from`.
-V since(gwtest::Client& bus, std::size_t from, std::size_t count) {
-    V story = bus.story(from + count, 60s);
-    return V(story.begin() + static_cast<std::ptrdiff_t>(std::min(from, story.size())), story.end());
-}
-
-std::string fault_of(gwtest::Client& bus, int request_id) {
-    for (const std::string& e : bus.events(0, 0ms))
-        if (e.find("\"RequestID\":" + std::to_string(request_id) + ",") != std::string::npos) {
-            const auto at = e.find("\"FaultCode\":") + 12;
-            return e.substr(at, e.find_first_of(",}", at) - at);
-        }
-    return "none";
-}
-
 class KilledAtAStage : public ::testing::TestWithParam<Row> {};
 
 TEST_P(KilledAtAStage, LeavesOneResultAndAPlaceThatAgrees) {
     const Row& row = GetParam();
-    gwtest::AppFeed feed(FAULTS_SCRATCH_DIR);
-    sandbox::GatewayOptions options;
-    options.name = std::string("killed-") + row.name;
-    options.pkgd = options.simulator = true;
-    options.feed_dir = feed.dir();
-    sandbox::Gateway gw(options);
-    ASSERT_TRUE(gw.up()) << gw.error();
-    gwtest::Client bus(gw);
-    ASSERT_TRUE(bus.wait_for_object(faults::kPackages));
-    ASSERT_TRUE(bus.listen("Services.Management.LCM") && bus.listen("SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT"));
-    const auto operate = [&](std::string_view method, int request, const std::string& fields) {
-        return bus.call(kOps, method, R"({"RequestID":)" + std::to_string(request) +
-                                          R"(,"OperateID":1,"OperateMID":1)" + fields + "}").status;
-    };
-    const std::string v1 = feed.publish(gw, "1.0");
+    faults::FaultGateway f(std::string("killed-") + row.name);
+    ASSERT_TRUE(f.ready()) << f.gw.error();
+    sandbox::Gateway& gw = f.gw;
+    gwtest::Client& bus = f.bus;
+    const std::string v1 = f.publish("1.0");
     if (row.op != Op::kInstall) {
-        ASSERT_EQ(operate("Install", 1, R"(,"UUID":"u-app","URL":")" + v1 + "\""), 0);
+        ASSERT_EQ(f.operate("Install", 1, R"(,"UUID":"u-app","URL":")" + v1 + "\""), 0);
         ASSERT_EQ(bus.story(5, 60s), (V{"20", "6", "21", "result 0", "8"}));
-        ASSERT_TRUE(testsupport::poll_until(30s, [&] { return faults::observe(gw, bus) == faults::agreeing("1.0"); }))
-            << faults::observe(gw, bus);
+        ASSERT_TRUE(testsupport::poll_until(30s, [&] { return faults::world(gw) == faults::agreeing("1.0"); }))
+            << faults::world(gw);
     }
     const std::size_t before = row.op == Op::kInstall ? 0 : 5;
     if (row.stage >= 0) {
         ASSERT_TRUE(gw.set_fault("catalog", "hold", row.stage));
     }
     const std::string fields = row.op == Op::kInstall  ? R"(,"URL":")" + v1 + "\""
-                               : row.op == Op::kUpdate ? R"(,"UUID":"u-app","URL":")" + feed.publish(gw, "1.1") + "\""
+                               : row.op == Op::kUpdate ? R"(,"UUID":"u-app","URL":")" + f.publish("1.1") + "\""
                                                        : R"(,"UUID":"u-app")";
-    ASSERT_EQ(operate(row.op == Op::kInstall ? "Install" : row.op == Op::kUpdate ? "Update" : "Uninstall", 2, fields), 0);
+    ASSERT_EQ(f.operate(row.op == Op::kInstall ? "Install" : row.op == Op::kUpdate ? "Update" : "Uninstall", 2, fields), 0);
     if (row.stage >= 0) {
         ASSERT_TRUE(testsupport::poll_until(30s, [&] { return gw.sim_state().json.find("\"held\":0") == std::string::npos; }))
             << "nothing held at stage " << row.stage;
     }
-    EXPECT_EQ(since(bus, before, row.seen.size()), row.seen);
+    const V story = bus.story(before + row.seen.size(), 60s);
+    EXPECT_EQ(V(story.begin() + static_cast<std::ptrdiff_t>(std::min(before, story.size())), story.end()), row.seen);
 
     const pid_t pkgd = gw.pkgd_status()->pid;
     if (row.victim == Victim::kWorker) {
@@ -109,23 +83,23 @@ TEST_P(KilledAtAStage, LeavesOneResultAndAPlaceThatAgrees) {
         ASSERT_TRUE(gw.kill_and_restart_pkgd());
     }
     ASSERT_TRUE(gw.set_fault("catalog", "normal"));  // whatever still waits goes on
-    ASSERT_TRUE(bus.wait_for_object("Services.Management.LCM.ExecutionEnvironments.System", 30s));
+    ASSERT_TRUE(bus.wait_for_object(faults::kEnvironment, 30s));
 
-    // Settled: the result is out and no worker runs; then one more round trip with pkgd for late events.
+    // Settled: the result is out and no worker runs.
     const pid_t now = gw.pkgd_status()->pid;
     ASSERT_TRUE(testsupport::poll_until(60s, [&] {
-        return faults::results_of(bus, 2) > 0 && gw.children_inside(now, "pkgd").empty();
+        return !faults::results_of(bus, 2).empty() && gw.children_inside(now, "pkgd").empty();
     })) << "no result for the operation";
-    const std::string fault = fault_of(bus, 2);
+    const std::string fault = faults::results_of(bus, 2).front();
     const bool done = fault == "0";
     const std::string expected = row.op == Op::kInstall  ? (done ? "1.0" : "")
                                  : row.op == Op::kUpdate ? (done ? "1.1" : "1.0")
                                                          : (done ? "" : "1.0");
     std::string seen;
-    EXPECT_TRUE(testsupport::poll_until(10s, [&] { return (seen = faults::observe(gw, bus)) == faults::agreeing(expected); }))
+    EXPECT_TRUE(testsupport::poll_until(10s, [&] { return (seen = faults::world(gw)) == faults::agreeing(expected); }))
         << seen << "\nwith result " << fault << ", expected\n"
         << faults::agreeing(expected) << "\nevents " << ::testing::PrintToString(bus.story(0, 0ms));
-    EXPECT_EQ(faults::results_of(bus, 2), 1);
+    EXPECT_EQ(faults::results_of(bus, 2).size(), 1u);
     EXPECT_EQ(sandbox::format_pkgd_status(*gw.pkgd_status()).substr(0, 7), "running") << "pkgd did not stay up";
     if (row.victim == Victim::kWorker) {
         EXPECT_TRUE(fault == std::to_string(kInternalError) || (done && row.op != Op::kInstall)) << fault;

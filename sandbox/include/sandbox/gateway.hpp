@@ -147,8 +147,9 @@ public:
     std::optional<PkgdStatus> wait_pkgd_exit(
         std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
-    // SIGKILL to pkgd, then a new run of it once the end is reported: the new run's status, or
-    // nothing when pkgd was not running or did not come back within `timeout`.
+    // SIGKILL to pkgd, then a new run of it once the end is reported: the new run's first status
+    // (it may have ended already), or nothing when pkgd was not running or no new run was started
+    // within `timeout`.
     std::optional<PkgdStatus> kill_and_restart_pkgd(
         std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
