@@ -1,7 +1,10 @@
 #include "daemon/journal_worker.hpp"
 
+#include <unistd.h>
+
 #include "pkgd/datamodel.hpp"
 #include "pkgd/peer_call.hpp"
+#include "pkgd/platform.hpp"
 #include "pkgd/time_stamp.hpp"
 #include "ubus/json.hpp"
 
@@ -17,6 +20,7 @@ public:
     JournalingPeers(EnginePeers& inner, const OperationJournal* journal, operation_info& op)
         : inner_(inner), journal_(journal), op_(op) {
         entry_.started = true;
+        entry_.worker = ::getpid();
     }
 
     // True when the entry holds what happened so far.
@@ -37,7 +41,7 @@ public:
         ubus::BlobBuf msg;
         if (!operation_result_message(msg, op, fault.code, fault.text, package_format_time())) return;
         entry_.result = ubus::json_format(msg);
-        save();
+        if (!save()) log_sys(3, 2, 0, 0, "The result of operation %d could not be journaled.\n", op.seq);
         if (broadcast_event(kOperationResultEvent, msg.members()) != ubus::kOk) return;
         entry_.sent = true;
         sent_unrecorded_ = !save();

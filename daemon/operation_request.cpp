@@ -1,5 +1,6 @@
 #include "daemon/operation_request.hpp"
 
+#include "pkgd/platform.hpp"
 #include "pkgd/time_stamp.hpp"
 
 namespace pkgd {
@@ -30,7 +31,11 @@ std::shared_ptr<pkg_info> update_working_copy(const pkg_info& registered) {
 // nothing will run or report then.
 int queue_operation(daemon_context& d, std::shared_ptr<operation_info> op) {
     if (!d.workers) return kQueueStartFailed;
-    if (d.journal && !d.journal->accept(*op)) return kQueueStartFailed;
+    if (d.journal && !d.journal->accept(*op)) {
+        log_sys(3, 2, 0, 0, "The operation journal %s cannot be written; request refused.\n",
+                d.files.journal_dir().c_str());
+        return kQueueStartFailed;
+    }
     const std::int32_t seq = op->seq;
     const int status = enqueue_operation(d.queue, *d.workers, std::move(op));
     if (status != kQueueOk && seq != 0) d.journal->remove(seq);

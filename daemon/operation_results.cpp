@@ -1,8 +1,11 @@
 #include "daemon/operation_results.hpp"
 
+#include <signal.h>
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <filesystem>
 #include <system_error>
 
@@ -11,6 +14,7 @@
 #include "daemon/package_registry.hpp"
 #include "pkgd/datamodel.hpp"
 #include "pkgd/platform.hpp"
+#include "pkgd/time_stamp.hpp"
 #include "ubus/json.hpp"
 
 namespace pkgd {
@@ -20,6 +24,30 @@ bool send_result(daemon_context& d, const std::string& result_json) {
     ubus::BlobBuf msg;
     if (!ubus::json_load(msg, result_json)) return true;  // nothing sendable will ever come of it
     return d.ctx.connected() && d.ctx.send_event(kOperationResultEvent, msg.members()) == ubus::kOk;
+}
+
+// How long start-up waits for a killed worker of an earlier run to go (the loop is not serving yet).
+constexpr auto kOrphanWaitStep = std::chrono::milliseconds(20);
+constexpr int kOrphanWaitSteps = 100;
+
+// Recovery workers that may die before the daemon reports an operation's failure itself.
+constexpr std::int32_t kMaxRecoveries = 3;
+
+// The failure result of `op`, built and sent by the daemon; kept in the journal while unsent.
+void report_unrecovered(daemon_context& d, const operation_info& op) {
+    ubus::BlobBuf msg;
+    const cwmp_fault fault = op.recover_fault == kFaultRequestDenied.code ? kFaultRequestDenied : kFaultInternalError;
+    if (!op.pkg || !operation_result_message(msg, op, fault.code, fault.text, package_format_time())) {
+        d.journal->remove(op.seq);
+        return;
+    }
+    journal_entry entry = journal_entry_of(op);
+    entry.started = true;
+    entry.result = ubus::json_format(msg);
+    if (send_result(d, entry.result))
+        d.journal->remove(op.seq);
+    else
+        d.journal->write(entry);
 }
 
 bool worker_sent_result(int wait_status) {
@@ -79,6 +107,17 @@ std::shared_ptr<pkg_info> resumed_package(daemon_context& d, const journal_entry
     return std::make_shared<pkg_info>(kept);
 }
 
+// A worker of an earlier run of the daemon outlives it: it must be gone before its operation is
+// recovered, or both would change the package and report. Its process group is its pid. A pid
+// taken by another process group leader since is the risk accepted here; a gateway that restarted
+// pkgd after a reboot has no such process.
+void stop_orphaned_worker(pid_t worker) {
+    if (worker <= 0 || ::kill(-worker, 0) != 0) return;
+    ::kill(-worker, SIGKILL);
+    for (int waited = 0; waited < kOrphanWaitSteps && ::kill(-worker, 0) == 0; ++waited)
+        std::this_thread::sleep_for(kOrphanWaitStep);
+}
+
 }  // namespace
 
 bool settle_operation(daemon_context& d, operation_info& op, int wait_status) {
@@ -87,6 +126,8 @@ bool settle_operation(daemon_context& d, operation_info& op, int wait_status) {
     if (entry && !entry->result.empty()) {
         if (entry->sent || worker_sent_result(wait_status) || send_result(d, entry->result))
             d.journal->remove(op.seq);
+        else
+            log_sys(4, 2, 0, 0, "The result of operation %d waits for the bus.\n", op.seq);
         if (op.recover_fault != 0 && op.pkg) follow_records(d, op);
         return true;
     }
@@ -94,7 +135,14 @@ bool settle_operation(daemon_context& d, operation_info& op, int wait_status) {
         d.journal->remove(op.seq);
         return true;
     }
-    // The worker died before recording its result: its recovery runs next and reports.
+    // The worker died before recording its result: its recovery runs next and reports. A recovery
+    // that keeps dying (a crash it cannot get past) must not hold the queue nor the result for
+    // ever: the daemon reports the failure itself and leaves the package as it is.
+    if (op.recover_fault != 0 && ++op.recoveries >= kMaxRecoveries) {
+        log_sys(3, 2, 0, 0, "Operation %d could not be recovered; reporting its failure.\n", op.seq);
+        report_unrecovered(d, op);
+        return true;
+    }
     if (op.recover_fault == 0) op.recover_fault = kFaultInternalError.code;
     if (entry) {
         op.opkg_reached = op.opkg_reached || entry->op.opkg_reached;
@@ -118,8 +166,15 @@ void resume_journal(daemon_context& d) {
     if (!d.journal) return;
     const auto entries = d.journal->load(
         [](const std::string& path) { log_sys(3, 2, 0, 0, "Unreadable journal entry %s removed.\n", path.c_str()); });
-    for (const journal_entry& entry : entries) {
-        if (!entry.result.empty()) continue;  // only its result is missing: send_pending_results
+    for (const journal_entry& listed : entries) {
+        if (listed.started && listed.result.empty()) stop_orphaned_worker(listed.worker);
+    }
+    d.journal->discard_temporaries();
+    for (const journal_entry& listed : entries) {
+        // Read again: a worker of the earlier run may have recorded its result before it went.
+        const std::optional<journal_entry> reread = d.journal->read(listed.op.seq);
+        if (!reread || !reread->result.empty()) continue;  // only its result is missing: sent below
+        const journal_entry& entry = *reread;
         auto op = std::make_shared<operation_info>(entry.op);
         if (entry.started) {
             // Recovered on the journal's record: the recovery reads the record files itself.

@@ -13,7 +13,8 @@ namespace pkgd {
 // With a recorded result the entry goes once the result is on the bus (sent now when the worker
 // could not); a result that cannot be sent stays for send_pending_results. Without one the
 // operation is marked for its recovery (fault 9002, or 9001 after a cancel) with the worker's
-// breadcrumbs, and false returned. After a recovery the registry follows the record files.
+// breadcrumbs, and false returned; after the third recovery worker that died too, the daemon
+// sends the failure itself. After a recovery the registry follows the record files.
 bool settle_operation(daemon_context& d, operation_info& op, int wait_status);
 
 // Sends every recorded but unsent result of an operation no worker is busy with, removing each
@@ -23,7 +24,8 @@ void send_pending_results(daemon_context& d);
 // Reads the journal at start-up, after the registry has been restored, and queues its entries in
 // sequence order: an operation a worker had started (and not reported) runs as its recovery, one
 // not started yet runs as it was asked (an install registers its package again, status New).
-// Then starts the oldest. New operations get later numbers.
+// A worker of the earlier run still alive is killed first. Then starts the oldest. New operations
+// get later numbers.
 void resume_journal(daemon_context& d);
 
 }  // namespace pkgd

@@ -1,6 +1,7 @@
 #include "daemon/startup.hpp"
 
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <memory>
@@ -65,7 +66,12 @@ void detach_and_change_root(const start_options& options) {
 
 // The body of a worker process: the whole operation, reported through its own events and result,
 // its journal entry kept up to date on the way.
+// The daemon's descriptors are closed first: a worker that outlives a killed daemon would
+// otherwise hold its bus connection open, and the broker would keep the daemon's objects
+// registered, refusing them to the daemon started next. The log reopens on its next line.
 int run_worker(const OperationJournal* journal, const operation_info& queued) {
+    ::closelog();
+    ::close_range(3, ~0U, 0);
     return run_journaled_operation(engine_context::gateway(), journal, queued);
 }
 

@@ -89,3 +89,13 @@ std::vector<journal_entry> OperationJournal::load(const std::function<void(const
 }
 
 }  // namespace pkgd
+
+namespace pkgd {
+
+void OperationJournal::discard_temporaries() const {
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec))
+        if (it->path().filename().string().starts_with(".tmp.")) remove_file(it->path().string());
+}
+
+}  // namespace pkgd

@@ -14,6 +14,7 @@ constexpr ubus::Policy kEntryPolicy[] = {
     {"operateid", Type::Int32},  {"operatemid", Type::Int32}, {"operateduid", Type::Int32},
     {"time", Type::String},      {"started", Type::Bool},  {"opkg", Type::Bool},
     {"pkg", Type::Table},        {"result", Type::Table},  {"sent", Type::Bool},
+    {"worker", Type::Int32},
 };
 enum EntryField {
     ENTRY_SEQ,
@@ -28,6 +29,7 @@ enum EntryField {
     ENTRY_PKG,
     ENTRY_RESULT,
     ENTRY_SENT,
+    ENTRY_WORKER,
     ENTRY_FIELD_COUNT,
 };
 static_assert(ENTRY_FIELD_COUNT == std::size(kEntryPolicy));
@@ -122,6 +124,7 @@ std::string journal_entry_text(const journal_entry& entry) {
         msg.close(table);
     }
     msg.add_bool("sent", entry.sent);
+    if (entry.worker > 0) msg.add_i32("worker", entry.worker);
     return ubus::json_format(msg);
 }
 
@@ -147,6 +150,7 @@ std::optional<journal_entry> parse_journal_entry(std::string_view text) {
     op.opkg_reached = tb[ENTRY_OPKG] && tb[ENTRY_OPKG].as_bool();
     entry.started = tb[ENTRY_STARTED] && tb[ENTRY_STARTED].as_bool();
     entry.sent = tb[ENTRY_SENT] && tb[ENTRY_SENT].as_bool();
+    entry.worker = int_or_zero(tb[ENTRY_WORKER]);
     if (tb[ENTRY_RESULT]) ubus::json_format_list(entry.result, tb[ENTRY_RESULT], ubus::JsonFormat{});
     return entry;
 }

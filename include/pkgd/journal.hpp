@@ -24,6 +24,7 @@ struct journal_entry {
     bool started = false;  // a worker took it up: after a crash it is recovered, not run afresh
     std::string result;    // the result event's members as JSON; empty until recorded
     bool sent = false;     // the result reached the bus
+    std::int32_t worker = 0;  // the pid of the worker that took it up last (its process group)
 };
 
 // The file's text, and back. The parser is pure and total: anything that is not an entry this
@@ -53,6 +54,10 @@ public:
     // name only: the content may hold a password) and removed. Later numbers continue after the
     // highest one seen.
     std::vector<journal_entry> load(const std::function<void(const std::string&)>& complain);
+
+    // Removes the temporary files of writers killed midway (they may hold a password). Only when
+    // no writer is left: at start-up, once the workers of an earlier run are gone.
+    void discard_temporaries() const;
 
 private:
     std::string dir_;

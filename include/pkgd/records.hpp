@@ -151,6 +151,7 @@ struct operation_info {
     // Non-zero once a worker died before recording the result: the operation then runs again as
     // its recovery, which brings the package back to a consistent state and reports this fault.
     std::int32_t recover_fault = 0;
+    std::int32_t recoveries = 0;  // recovery workers that died as well
     // The worker's breadcrumb: it reached the step where opkg changes the package.
     bool opkg_reached = false;
 };

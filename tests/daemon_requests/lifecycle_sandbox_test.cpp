@@ -3,47 +3,95 @@
 // Packages object with a delete asked for while it runs. Each step is judged by what the client sees: the LCM events and one
 // result per operation, the registry, the record files, the catalog and the data model.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
 
 #include "gateway_client.hpp"
 #include "poll.hpp"
-#include "sandbox/feed/service_feed.hpp"
+#include "sandbox/feed/index.hpp"
+#include "sandbox/feed/package.hpp"
+#include "sandbox/feed/pki.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
+namespace feed = sandbox::feed;
 using namespace std::chrono_literals;
 using V = std::vector<std::string>;
 
 constexpr std::string_view kOps = "SoftwareModules.Package.System";
 const std::string kPackages = "Services.Management.LCM.ExecutionEnvironments.System.Packages";
 
-TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughTheBus) {
-    const sandbox::feed::ScratchDir scratch(REQUESTS_FEED_SCRATCH_DIR, "feed");
-    sandbox::feed::ServiceFeed feed(scratch.path(), "app", "app for the tests");
-    sandbox::GatewayOptions options = gwtest::named_gateway();
-    options.pkgd = options.simulator = true;
-    options.feed_dir = scratch.path();
-    options.feed_user = "feeder";
-    options.feed_password = "pa$$ 'w0rd";
-    sandbox::Gateway gw(options);
-    ASSERT_TRUE(gw.up()) << gw.error();
-    gwtest::Client bus(gw);
-    ASSERT_TRUE(bus.wait_for_object(kPackages.substr(0, kPackages.rfind('.'))));
-    ASSERT_TRUE(bus.listen("Services.Management.LCM") &&
-                bus.listen("SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT"));
-    const auto publish = [&](const std::string& version) {
-        return gw.feed_url("http") + "/" + feed.publish(gw.feed_pki_dir(), version);
-    };
-    const std::string creds = R"(,"Username":"feeder","Password":"pa$$ 'w0rd")";
-    const auto operate = [&](std::string_view method, int request, const std::string& fields) {
+// Builds version `version` of "app" and lists it in the signed index with the earlier ones; its URL.
+std::string publish(const sandbox::Gateway& gw, const fs::path& dir, V& records, const std::string& version,
+                    std::map<std::string, std::string> scripts = {}) {
+    feed::PackageSpec spec;
+    spec.control = "Package: app\nVersion: " + version +
+                   "\nArchitecture: all\nMaintainer: ACME\nSection: utils\n"
+                   "Description: app for the tests\n";
+    // The program is a copy of the host's sleep: a script's process would be its interpreter's,
+    // and the package runs only while one of its own files is a live process's program.
+    std::ifstream sleep_binary("/bin/sleep", std::ios::binary);
+    const std::string program((std::istreambuf_iterator<char>(sleep_binary)), std::istreambuf_iterator<char>());
+    spec.tree = {feed::file_entry("usr/bin/app", program, 0755),
+                 feed::file_entry("etc/init.d/app",
+                                  "#!/bin/sh\ncase \"$1\" in\n"
+                                  "start) /usr/bin/app 600 </dev/null >/dev/null 2>&1 & echo $! >/var/run/app.pid ;;\n"
+                                  "stop) kill \"$(cat /var/run/app.pid)\" ;;\nesac\nexit 0\n",
+                                  0755)};
+    spec.scripts = std::move(scripts);
+    const feed::Pki pki = feed::load_pki(gw.feed_pki_dir());
+    const feed::Package pkg = feed::build_package(spec, pki);
+    const std::string file = "app_" + version + "_all.ipk";
+    std::ofstream(dir / file, std::ios::binary) << pkg.bytes;
+    records.push_back(feed::index_record(pkg.index_control, file, pkg.bytes, pkg.installed_size));
+    feed::write_index(dir, feed::index_text(records), pki.signer);
+    return gw.feed_url("http") + "/" + file;
+}
+
+// A sandbox gateway with pkgd, the simulator and a feed, and a client listening to the events.
+class RequestsInGateway : public ::testing::Test {
+protected:
+    static sandbox::GatewayOptions gateway_options(const fs::path& dir) {
+        ::chmod(dir.c_str(), 0755);
+        sandbox::GatewayOptions options = gwtest::named_gateway();
+        options.pkgd = options.simulator = true;
+        options.feed_dir = dir;
+        options.feed_user = "feeder";
+        options.feed_password = "pa$$ 'w0rd";
+        return options;
+    }
+    void SetUp() override {
+        ASSERT_TRUE(gw.up()) << gw.error();
+        ASSERT_TRUE(bus.wait_for_object(kPackages.substr(0, kPackages.rfind('.'))));
+        ASSERT_TRUE(bus.listen("Services.Management.LCM") &&
+                    bus.listen("SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT"));
+    }
+    int operate(std::string_view method, int request, const std::string& fields) {
         return bus
             .call(kOps, method,
-                  R"({"RequestID":)" + std::to_string(request) + R"(,"OperateID":1,"OperateMID":1)" + fields +
-                      "}")
+                  R"({"RequestID":)" + std::to_string(request) + R"(,"OperateID":1,"OperateMID":1)" + fields + "}")
             .status;
-    };
+    }
+
+    std::string pattern = std::string(REQUESTS_FEED_SCRATCH_DIR) + "/feed-XXXXXX";
+    const fs::path dir = ::mkdtemp(pattern.data());
+    const std::unique_ptr<const fs::path, void (*)(const fs::path*)> remove_feed{
+        &dir, [](const fs::path* d) { fs::remove_all(*d); }};
+    sandbox::Gateway gw{gateway_options(dir)};
+    gwtest::Client bus{gw};
+};
+
+TEST_F(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughTheBus) {
+    V records;
+    const std::string creds = R"(,"Username":"feeder","Password":"pa$$ 'w0rd")";
     const auto get = [&](std::string_view id) {
         return bus.call(kPackages + "." + std::string(id), "Get").first();
     };
@@ -54,7 +102,7 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
     EXPECT_EQ(operate("Update", 1, R"(,"UUID":"none")"), 9);
     EXPECT_EQ(operate("Uninstall", 1, ""), 0);  // nothing selected, nothing queued
 
-    const std::string v1 = publish("1.0");
+    const std::string v1 = publish(gw, dir, records, "1.0");
     EXPECT_EQ(operate("Install", 1, R"(,"URL":")" + v1 + "\"" + creds), 0);
     EXPECT_EQ(bus.story(5, 60s), (V{"20", "6", "21", "result 0", "8"}));
     EXPECT_TRUE(shows("1", R"("Version":"1.0")") && shows("1", R"("Status":"Installed")")) << get("1");
@@ -69,7 +117,7 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
     const std::string ok = R"({"Header":{"Name":"OK"}})";
     EXPECT_EQ(bus.call(kPackages + ".1", "Start").first(), ok);
     EXPECT_TRUE(shows("1", R"("Status":"Running")")) << get("1");
-    const std::string v2 = publish("1.10");
+    const std::string v2 = publish(gw, dir, records, "1.10");
     EXPECT_EQ(bus.call(kPackages + ".1", "IsLatestVersion").first(), R"({"Header":{"Name":"OK"},"Body":{"Result":false}})");
     EXPECT_EQ(bus.call(kPackages + ".1", "Stop").first(), ok);
     EXPECT_TRUE(shows("1", R"("Status":"Installed")")) << get("1");
@@ -96,3 +144,50 @@ TEST(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughThe
 }
 
 }  // namespace
+
+// A worker killed in the middle of opkg's install, then a daemon killed with its worker while
+// another install waits: each operation ends with one result, and what the killed ones had done
+// is undone in the registry, the record files and opkg's state.
+TEST_F(RequestsInGateway, KilledWorkersAndARestartedDaemonEndEachOperationWithOneResult) {
+    V records;
+    // While /tmp/hold exists the package's postinst notes its process group (its worker's) and waits.
+    const std::string url = publish(gw, dir, records, "1.0",
+                                    {{"postinst", "#!/bin/sh\n[ -e /tmp/hold ] || exit 0\n"
+                                                  "cut -d' ' -f5 /proc/$$/stat >/tmp/worker.pgid\n"
+                                                  "while [ -e /tmp/hold ]; do sleep 1; done\n"}});
+    const std::string install = R"(,"URL":")" + url + R"(","Username":"feeder","Password":"pa$$ 'w0rd")";
+    // The process group of the worker whose install waits in the postinst.
+    const auto worker_in_opkg = [&] {
+        const fs::path pgid_file = gw.path("/tmp/worker.pgid");
+        EXPECT_TRUE(testsupport::poll_until(60s, [&] { return !gwtest::read_text(pgid_file).empty(); }));
+        const std::string pgid = gwtest::read_text(pgid_file);
+        fs::remove(pgid_file);
+        return pgid.substr(0, pgid.find('\n'));
+    };
+    const auto consistent = [&](std::string_view id, bool installed) {
+        return bus.has_object(kPackages + "." + std::string(id)) == installed &&
+               fs::exists(gw.path("/usr/local/package/pkg/" + std::string(id))) == installed &&
+               fs::exists(gw.path("/usr/lib/opkg/info/app.control")) == installed &&
+               fs::is_empty(gw.path("/usr/local/package/journal"));
+    };
+    std::ofstream(gw.path("/tmp/hold"));
+    ASSERT_EQ(operate("Install", 1, install), 0);
+    ASSERT_TRUE(gw.sh("kill -9 -" + worker_in_opkg()).ok());
+    EXPECT_EQ(bus.story(5, 60s), (V{"20", "6", "21", "result 9002", "9"}));
+    EXPECT_TRUE(testsupport::poll_until(60s, [&] { return consistent("1", false); }));
+
+    // The daemon dies, its worker lives on: the next daemon ends the worker before recovering.
+    ASSERT_EQ(operate("Install", 2, install), 0);  // package 1 again
+    ASSERT_EQ(operate("Install", 3, install), 0);  // package 2, waits
+    worker_in_opkg();
+    ASSERT_TRUE(gw.signal_pkgd(SIGKILL));
+    ASSERT_TRUE(gw.wait_pkgd_exit());
+    ASSERT_TRUE(gw.start_pkgd());
+    EXPECT_EQ(bus.story(10, 60s), (V{"20", "6", "21", "result 9002", "9", "20", "6", "21", "result 9002", "9"}));
+    fs::remove(gw.path("/tmp/hold"));
+    EXPECT_EQ(bus.story(15, 60s), (V{"20", "6", "21", "result 9002", "9", "20", "6", "21", "result 9002", "9",
+                                     "20", "6", "21", "result 0", "8"}));
+    EXPECT_TRUE(testsupport::poll_until(60s, [&] { return consistent("2", true); }))
+        << gwtest::read_text(gw.path("/var/log/messages"));
+    EXPECT_FALSE(bus.has_object(kPackages + ".1"));
+}
