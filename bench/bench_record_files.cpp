@@ -1,14 +1,23 @@
 // Writing and reading back 1000 deployment-unit records, each file replaced atomically (flushed
 // to storage twice). No catalog traffic. The directory is a scratch directory under TMPDIR, or the
 // one given as the first argument (to compare storage kinds).
+//
+// Then the cost of the file-system seam under every durable write: replace_file against its floor,
+// the same system calls made directly, on the same text. On a memory file system (/dev/shm as the
+// argument) the flushes cost next to nothing and what the seam adds shows.
+#include <fcntl.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <string>
 
 #include "bench_clock.hpp"
+#include "durable_file.hpp"
 #include "pkgd/record_files.hpp"
+#include "ubus/fd.hpp"
+#include "ubus/json.hpp"
 
 namespace {
 
@@ -38,6 +47,23 @@ pkgd::pkg_info sample_package() {
     return pkg;
 }
 
+// One durable replace in direct system calls: what replace_file does, without the seam.
+void direct_replace(const std::string& dir, const std::string& path, std::string_view text) {
+    const std::string temp = dir + "/.direct";
+    ubus::UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (!fd || ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+        ::fsync(fd.get()) != 0 || ::close(fd.release()) != 0 || ::rename(temp.c_str(), path.c_str()) != 0)
+        std::abort();
+    const ubus::UniqueFd dir_fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dir_fd || ::fsync(dir_fd.get()) != 0) std::abort();
+}
+
+// Replaces kRecords files in `dir` with `text` through `replace`, the same names every run.
+template <typename Replace>
+void replace_all(const std::string& dir, Replace replace) {
+    for (int i = 1; i <= kRecords; ++i) replace(dir + "/" + std::to_string(i));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -65,6 +91,20 @@ int main(int argc, char** argv) {
             if (files.load_du(back, i) != 0) std::abort();
         }
     });
+
+    ubus::BlobBuf msg;
+    pkgd::du_record_message(msg, pkg, "System");
+    const std::string text = ubus::json_format(msg);
+    const std::string dir = base + "/du";
+    const double seam = bench::report("replace 1000 files: replace_file", 5, [&] {
+        replace_all(dir, [&](const std::string& path) {
+            if (!pkgd::replace_file(path, text)) std::abort();
+        });
+    });
+    const double floor = bench::report("replace 1000 files: direct system calls (floor)", 5, [&] {
+        replace_all(dir, [&](const std::string& path) { direct_replace(dir, path, text); });
+    });
+    std::printf("replace_file / floor: %.3f\n", seam / floor);
     std::error_code ec;
     std::filesystem::remove_all(base, ec);
     return 0;

@@ -28,14 +28,6 @@
 namespace pkgd {
 namespace {
 
-constexpr mode_t kDirMode = 0755;
-
-// An existing directory is fine and a missing parent is not made: whatever happens, start-up
-// goes on, and an operation that needs the directory reports its own failure.
-void make_dir(const char* path) {
-    (void)::mkdir(path, kDirMode);
-}
-
 // Registers the objects in their fixed order, restores the registry and serves. Clients see the
 // execution-environment object last, once every restored package has its object.
 int register_and_serve(daemon_context& d, ubus::Loop& loop) {
@@ -79,14 +71,18 @@ int run_worker(const OperationJournal* journal, const operation_info& queued) {
 
 int run_daemon(const start_options& options) {
     detach_and_change_root(options);
-    make_dir("/usr/local/package/pkg");
-    make_dir("/usr/local/package/ee");
     package_init_env();
     // The only place bound to the gateway: its record directory, the identity just learnt and
     // the machine itself.
     daemon_context d(RecordFiles(std::string(kPackageDir), package_get_ee_name(), true),
                      package_ee_identity(), real_system_env());
-    make_dir(FixedText<256>(std::string("/tmp/opkg-").append(d.ee.id.view())).c_str());
+    // An existing directory is fine and a missing parent is not made: whatever happens, start-up
+    // goes on, and an operation that needs the directory reports its own failure. The record
+    // directories are made durably; the verification's scratch directory under /tmp does not
+    // outlive a power cut anyway.
+    d.files.make_directories();
+    d.files.remove_stale_temporaries();
+    (void)::mkdir(FixedText<256>(std::string("/tmp/opkg-").append(d.ee.id.view())).c_str(), 0755);
 
     d.object = packages_object_name(d.ee.id.view());
     if (d.ctx.connect() != ubus::kOk) return kExitNoBus;

@@ -5,19 +5,11 @@
 #include <cstdio>
 
 #include "pkgd/engine_parts.hpp"
+#include "pkgd/file_io.hpp"
 #include "ubus/fd.hpp"
 
 namespace pkgd {
 namespace {
-
-bool write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t n = ::write(fd, text.data(), text.size());
-        if (n < 0) return false;
-        text.remove_prefix(static_cast<std::size_t>(n));
-    }
-    return true;
-}
 
 // Where the user-info of `url` begins and where its "@" stands; nothing without user-info.
 std::optional<std::pair<std::size_t, std::size_t>> userinfo_span(std::string_view url) {
@@ -80,12 +72,13 @@ int package_opkg_create_conf(const engine_paths& paths, const std::string& path,
     const std::string text = opkg_conf_text(paths, feed_url, user, password, check_signature, lists_dir);
     // The file holds the proxy password: it is born 0600 under a temporary name and renamed over
     // the old one, so no reader ever sees it with a wider mode or half written, and a link planted
-    // at the temporary name is not followed.
+    // at the temporary name is not followed. It is not flushed to storage: /tmp does not outlive a
+    // power cut, and every operation writes the file afresh.
     const std::string temp = path + ".tmp." + std::to_string(::getpid());
     ::unlink(temp.c_str());
     ubus::UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd) return -1;
-    const bool written = ::fchmod(fd.get(), 0600) == 0 && write_all(fd.get(), text);
+    const bool written = ::fchmod(fd.get(), 0600) == 0 && write_fully(posix_file_io(), fd.get(), text);
     fd.reset();
     if (!written || ::rename(temp.c_str(), path.c_str()) != 0) {
         ::unlink(temp.c_str());

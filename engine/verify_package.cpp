@@ -187,27 +187,26 @@ std::string member_path(const std::string& dir, std::string_view name) {
 // PKCS#7 detached signature over the exact bytes of the checksum list, by a signer whose
 // certificate (inside the signature) chains to the first certificate of the trust anchor and is
 // valid at the system's current time.
-bool signature_valid(const engine_context& ctx) {
+bool signature_valid(const engine_paths& paths, std::time_t now) {
     const store_ptr store(X509_STORE_new());
     if (!store) return false;
-    const bio_ptr anchor_bio(BIO_new_file(ctx.paths.trust_anchor.c_str(), "r"));
+    const bio_ptr anchor_bio(BIO_new_file(paths.trust_anchor.c_str(), "r"));
     if (!anchor_bio) return false;
     const x509_ptr anchor(PEM_read_bio_X509(anchor_bio.get(), nullptr, nullptr, nullptr));
     if (!anchor || X509_STORE_add_cert(store.get(), anchor.get()) != 1) return false;
-    X509_VERIFY_PARAM_set_time(X509_STORE_get0_param(store.get()), ctx.sys.now());
+    X509_VERIFY_PARAM_set_time(X509_STORE_get0_param(store.get()), now);
 
-    const bio_ptr sig_bio(BIO_new_file(member_path(ctx.paths.work_dir, "checksum.sig").c_str(), "rb"));
+    const bio_ptr sig_bio(BIO_new_file(member_path(paths.work_dir, "checksum.sig").c_str(), "rb"));
     if (!sig_bio) return false;
     const pkcs7_ptr p7(PEM_read_bio_PKCS7(sig_bio.get(), nullptr, nullptr, nullptr));
     if (!p7) return false;
-    const bio_ptr content(BIO_new_file(member_path(ctx.paths.work_dir, "checksum.sha256").c_str(), "rb"));
+    const bio_ptr content(BIO_new_file(member_path(paths.work_dir, "checksum.sha256").c_str(), "rb"));
     if (!content) return false;
     return PKCS7_verify(p7.get(), nullptr, store.get(), content.get(), nullptr, PKCS7_BINARY) == 1;
 }
 
-bool digests_match(const engine_context& ctx, const StreamDigests& digests) {
-    const std::optional<std::string> list =
-        read_text_file(member_path(ctx.paths.work_dir, "checksum.sha256"));
+bool digests_match(const engine_paths& paths, const StreamDigests& digests) {
+    const std::optional<std::string> list = read_text_file(member_path(paths.work_dir, "checksum.sha256"));
     if (!list || !digests.data || !digests.control) return false;
     const auto listed = read_checksum_digests(*list);
     return listed[0] == *digests.data && listed[1] == *digests.control;
@@ -215,9 +214,9 @@ bool digests_match(const engine_context& ctx, const StreamDigests& digests) {
 
 // The control check's result: 2 (an unpacking tool's "fatal error") when the control archive
 // cannot be read, 0 when it has no control file, else the name comparison.
-int control_matches(const engine_context& ctx, std::string_view name) {
-    ::mkdir(member_path(ctx.paths.work_dir, kControlDir).c_str(), 0755);
-    const archive_ptr a = open_gzip_tar(member_path(ctx.paths.work_dir, "control.tar.gz"));
+int control_matches(const engine_paths& paths, std::string_view name) {
+    ::mkdir(member_path(paths.work_dir, kControlDir).c_str(), 0755);
+    const archive_ptr a = open_gzip_tar(member_path(paths.work_dir, "control.tar.gz"));
     if (!a) return 2;
     static constexpr std::array<std::string_view, 1> kControl{"control"};
     archive_entry* entry = nullptr;
@@ -272,9 +271,13 @@ int check_control_name(std::string_view control_text, std::string_view name) {
 
 int verify_package(engine_context& ctx, const std::string& package_path, const operation_info& op) {
     if (!op.pkg) return -1;
-    ::mkdir(ctx.paths.work_dir.c_str(), 0700);
-    const ubus::UniqueFd dir(
-        ::open(ctx.paths.work_dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return verify_package_file(ctx.paths, ctx.sys.now(), package_path, op.pkg->du.name.value_or(""));
+}
+
+int verify_package_file(const engine_paths& paths, std::time_t now, const std::string& package_path,
+                        std::string_view name) {
+    ::mkdir(paths.work_dir.c_str(), 0700);
+    const ubus::UniqueFd dir(::open(paths.work_dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!dir) return -1;
     empty_directory(dir.get());
 
@@ -283,12 +286,12 @@ int verify_package(engine_context& ctx, const std::string& package_path, const o
         ::stat(package_path.c_str(), &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
     StreamDigests digests;
     if (unpack_members(package_path, dir.get(), outer_extract_limit(package_size), digests) == Unpack::bomb ||
-        !signature_valid(ctx)) {
+        !signature_valid(paths, now)) {
         clean_up(dir.get(), kCleanupA);
         return -1;
     }
     int result = -1;
-    if (digests_match(ctx, digests)) result = control_matches(ctx, op.pkg->du.name.value_or(""));
+    if (digests_match(paths, digests)) result = control_matches(paths, name);
     clean_up(dir.get(), kCleanupB);
     return result;
 }

@@ -1,83 +1,95 @@
 #include "durable_file.hpp"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <string>
 #include <utility>
-
-#include "ubus/fd.hpp"
 
 namespace pkgd {
 namespace {
 
-std::string_view directory_of(std::string_view path) {
+constexpr std::string_view kTemporaryPrefix = ".tmp.";
+
+std::string directory_of(std::string_view path) {
     const std::size_t slash = path.rfind('/');
     if (slash == std::string_view::npos) return ".";
     if (slash == 0) return "/";
-    return path.substr(0, slash);
+    return std::string(path.substr(0, slash));
 }
 
-bool write_all(int fd, std::string_view content) {
-    while (!content.empty()) {
-        const ssize_t n = ::write(fd, content.data(), content.size());
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        content.remove_prefix(static_cast<std::size_t>(n));
-    }
-    return true;
-}
-
-// Best effort: on file systems that cannot sync a directory the rename still happened.
-void sync_directory(std::string_view dir) {
-    const ubus::UniqueFd fd(::open(std::string(dir).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd) ::fsync(fd.get());
-}
-
-// Creates the temporary file next to the target. O_EXCL: a file already there, be it a planted
-// symbolic link or one left by a writer killed before, is never written through nor reused with
-// its old mode; another name is tried instead.
-ubus::UniqueFd create_temporary(std::string_view dir, std::string& temp, mode_t mode) {
+// Creates the temporary file next to the target. Exclusive creation: a file already there, be it
+// a planted symbolic link or one left by a writer killed before, is never written through nor
+// reused with its old mode; another name is tried instead.
+IoFd create_temporary(FileIo& io, const std::string& dir, std::string& temp, mode_t mode) {
     static std::atomic<unsigned> count{0};
     for (int attempt = 0; attempt < 16; ++attempt) {
-        temp.assign(dir).append("/.tmp.").append(std::to_string(::getpid()));
+        temp.assign(dir).append("/").append(kTemporaryPrefix).append(std::to_string(::getpid()));
         temp.append(".").append(std::to_string(count.fetch_add(1, std::memory_order_relaxed)));
-        ubus::UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+        IoFd fd(io, io.create(temp.c_str(), mode));
         if (fd || errno != EEXIST) return fd;
     }
-    return ubus::UniqueFd();
+    return IoFd(io, -1);
 }
 
 // Writes and flushes the temporary file; closing is part of it, as some file systems report
-// write errors only then.
-bool write_and_flush(ubus::UniqueFd fd, std::string_view content) {
-    if (!write_all(fd.get(), content) || ::fsync(fd.get()) != 0) return false;
-    return ::close(fd.release()) == 0;
+// write errors only then. Without the flush before the rename a power cut could leave the new
+// name on storage with no data behind it: an empty record.
+bool write_and_flush(FileIo& io, IoFd fd, std::string_view content) {
+    return write_fully(io, fd.get(), content) && io.fsync(fd.get()) == 0 && fd.close() == 0;
+}
+
+// The directory flush is what makes a rename or an unlink itself durable. A file system that
+// cannot flush a directory has made the change all the same: the caller is not told otherwise.
+void sync_directory(FileIo& io, const std::string& dir) {
+    (void)io.sync_directory(dir.c_str());
 }
 
 }  // namespace
 
+std::optional<pid_t> temporary_writer(std::string_view name) {
+    if (!name.starts_with(kTemporaryPrefix)) return std::nullopt;
+    name.remove_prefix(kTemporaryPrefix.size());
+    pid_t pid = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
+    if (error != std::errc() || pid <= 0 || end == name.data() + name.size() || *end != '.')
+        return std::nullopt;
+    return pid;
+}
+
 bool replace_file(const std::string& path, std::string_view content, mode_t mode) {
-    const std::string_view dir = directory_of(path);
+    return replace_file(posix_file_io(), path, content, mode);
+}
+
+bool replace_file(FileIo& io, const std::string& path, std::string_view content, mode_t mode) {
     if (path.empty() || path.back() == '/') return false;
+    const std::string dir = directory_of(path);
     std::string temp;
-    ubus::UniqueFd fd = create_temporary(dir, temp, mode);
+    IoFd fd = create_temporary(io, dir, temp, mode);
     if (!fd) return false;
-    if (!write_and_flush(std::move(fd), content) || ::rename(temp.c_str(), path.c_str()) != 0) {
-        ::unlink(temp.c_str());
+    if (!write_and_flush(io, std::move(fd), content) || io.rename(temp.c_str(), path.c_str()) != 0) {
+        io.unlink(temp.c_str());
         return false;
     }
-    sync_directory(dir);
+    sync_directory(io, dir);
     return true;
 }
 
 bool remove_file(const std::string& path) {
-    if (::unlink(path.c_str()) != 0) return false;
-    sync_directory(directory_of(path));
+    return remove_file(posix_file_io(), path);
+}
+
+bool remove_file(FileIo& io, const std::string& path) {
+    if (io.unlink(path.c_str()) != 0) return false;
+    sync_directory(io, directory_of(path));
+    return true;
+}
+
+bool make_directory(FileIo& io, const std::string& path, mode_t mode) {
+    if (io.mkdir(path.c_str(), mode) != 0) return errno == EEXIST;
+    sync_directory(io, directory_of(path));
     return true;
 }
 

@@ -3,8 +3,11 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "pkgd/file_io.hpp"
 
 namespace pkgd {
 
@@ -17,9 +20,19 @@ namespace pkgd {
 // none) stays and no temporary file is left behind. A writer killed midway may leave its
 // temporary file; readers of the directory skip hidden names.
 bool replace_file(const std::string& path, std::string_view content, mode_t mode = 0666);
+bool replace_file(FileIo& io, const std::string& path, std::string_view content, mode_t mode = 0666);
+
+// The writer's pid in the name of a temporary file replace_file made; nothing for another name.
+std::optional<pid_t> temporary_writer(std::string_view name);
 
 // Removes `path` and flushes its directory, so a removed record does not come back after a power
 // cut. False when the file could not be removed (already gone, say).
 bool remove_file(const std::string& path);
+bool remove_file(FileIo& io, const std::string& path);
+
+// Creates the directory `path` (its parent must exist) and flushes the parent, so that records
+// later renamed into it are not lost with a directory entry that never reached storage. True when
+// the directory was made or was there already.
+bool make_directory(FileIo& io, const std::string& path, mode_t mode);
 
 }  // namespace pkgd

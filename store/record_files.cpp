@@ -2,6 +2,11 @@
 // reading them back.
 #include "pkgd/record_files.hpp"
 
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
 #include <utility>
 
 #include "durable_file.hpp"
@@ -14,9 +19,10 @@ namespace {
 // The package file holds the source's password: only its owner may read it, from its first
 // write on.
 constexpr mode_t kSecretRecordMode = 0600;
+constexpr mode_t kRecordDirMode = 0755;
 
-bool write_record(const std::string& path, const ubus::BlobBuf& msg, mode_t mode = 0666) {
-    return !path.empty() && replace_file(path, ubus::json_format(msg), mode);
+bool write_record(FileIo& io, const std::string& path, const ubus::BlobBuf& msg, mode_t mode = 0666) {
+    return !path.empty() && replace_file(io, path, ubus::json_format(msg), mode);
 }
 
 // The file's members, or nothing when it is missing or not a JSON object.
@@ -26,8 +32,26 @@ bool load_record(ubus::BlobBuf& msg, const std::string& path) {
 
 }  // namespace
 
-RecordFiles::RecordFiles(std::string base_dir, std::string ee_name, bool mirror_catalog)
-    : base_(std::move(base_dir)), ee_name_(std::move(ee_name)), mirror_catalog_(mirror_catalog) {}
+RecordFiles::RecordFiles(std::string base_dir, std::string ee_name, bool mirror_catalog, FileIo& io)
+    : base_(std::move(base_dir)), ee_name_(std::move(ee_name)), mirror_catalog_(mirror_catalog), io_(&io) {}
+
+void RecordFiles::make_directories() const {
+    make_directory(*io_, pkg_dir(), kRecordDirMode);
+    make_directory(*io_, base_ + "/ee", kRecordDirMode);
+}
+
+void RecordFiles::remove_stale_temporaries() const {
+    for (const char* kind : {"/pkg", "/du", "/eu", "/ee"}) {
+        std::error_code ec;
+        for (std::filesystem::directory_iterator it(base_ + kind, ec), end; !ec && it != end;
+             it.increment(ec)) {
+            const std::string name = it->path().filename().string();
+            const std::optional<pid_t> writer = temporary_writer(name);
+            if (writer && (*writer == ::getpid() || (::kill(*writer, 0) != 0 && errno == ESRCH)))
+                remove_file(*io_, it->path().string());
+        }
+    }
+}
 
 std::string RecordFiles::pkg_path(std::string_view id) const {
     if (id.empty() || id.front() == '.' || id.find('/') != std::string_view::npos ||
@@ -46,19 +70,19 @@ std::string RecordFiles::index_path(std::string_view dir, std::int32_t index) co
 
 void RecordFiles::store_unit(const std::string& path, int kind, std::int32_t index,
                              const ubus::BlobBuf& msg) const {
-    write_record(path, msg);
+    write_record(*io_, path, msg);
     if (mirror_catalog_) update_lcmd_catalog(kind, index, msg.members());
 }
 
 void RecordFiles::delete_unit(const std::string& path, int kind, std::int32_t index) const {
-    remove_file(path);
+    remove_file(*io_, path);
     if (mirror_catalog_) delete_lcmd_catalog(kind, index);
 }
 
 void RecordFiles::store_pkg(const pkg_info& pkg) const {
     ubus::BlobBuf msg;
     pkg_record_message(msg, pkg);
-    write_record(pkg_path(pkg.id), msg, kSecretRecordMode);
+    write_record(*io_, pkg_path(pkg.id), msg, kSecretRecordMode);
 }
 
 void RecordFiles::store_du(const pkg_info& pkg) const {
@@ -85,7 +109,7 @@ void RecordFiles::store_ee(const pkg_info& pkg) const {
 
 int RecordFiles::delete_pkg(const pkg_info& pkg) const {
     const std::string path = pkg_path(pkg.id);
-    return !path.empty() && remove_file(path) ? 0 : -1;
+    return !path.empty() && remove_file(*io_, path) ? 0 : -1;
 }
 
 void RecordFiles::delete_du(const pkg_info& pkg) const {

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -119,6 +120,11 @@ int check_control_name(std::string_view control_text, std::string_view name);
 
 // 0 when the package passed the signature, digest and control checks; non-zero otherwise.
 int verify_package(engine_context& ctx, const std::string& package_path, const operation_info& op);
+// The same checks with only what they read passed in: the working directory and trust anchor of
+// `paths`, the time the signer's certificate must be valid at, and the package name the control
+// file must carry. The package file may hold anything (fuzzing feeds it arbitrary bytes).
+int verify_package_file(const engine_paths& paths, std::time_t now, const std::string& package_path,
+                        std::string_view name);
 
 // ---------------------------------------------------------------------------------------------
 // Unit and environment discovery

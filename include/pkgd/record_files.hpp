@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "pkgd/file_io.hpp"
 #include "pkgd/records.hpp"
 #include "ubus/blob.hpp"
 
@@ -54,11 +55,18 @@ void package_get_ee_info(pkg_info& pkg, std::int32_t index);  // replaces the en
 class RecordFiles {
 public:
     // `base_dir` holds pkg/, du/, eu/ and ee/; `ee_name` is written as "EE"; with
-    // `mirror_catalog` false the catalog is never told.
-    RecordFiles(std::string base_dir, std::string ee_name, bool mirror_catalog);
+    // `mirror_catalog` false the catalog is never told. Files are written through `io`.
+    RecordFiles(std::string base_dir, std::string ee_name, bool mirror_catalog, FileIo& io = posix_file_io());
     // The gateway's: kPackageDir, the environment's name, the catalog kept in step.
     static RecordFiles gateway();
 
+    // Creates pkg/ and ee/ when missing (base_dir must exist): du/ and eu/ come with the system.
+    void make_directories() const;
+    // Removes the temporary files that writers cut off by a crash or power cut left in the record
+    // directories, each named for its writer's pid: those of a process that is gone, or of this
+    // one (which writes no record while it cleans up). A worker of an earlier daemon may still be
+    // writing; its files stay.
+    void remove_stale_temporaries() const;
     void store_pkg(const pkg_info& pkg) const;
     void store_du(const pkg_info& pkg) const;
     void store_eu(const pkg_info& pkg) const;
@@ -96,6 +104,7 @@ private:
     std::string base_;
     std::string ee_name_;
     bool mirror_catalog_;
+    FileIo* io_;
 };
 
 // ---------------------------------------------------------------------------------------------

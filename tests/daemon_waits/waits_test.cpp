@@ -215,7 +215,6 @@ TEST_F(Waits, AfterEachBrokerRestartEveryObjectIsBackAndCallable) {
         }));
         EXPECT_EQ(d_.s_pkgs.find_object(object_of("1"))->object_id, ids[object_of("1")]);
         EXPECT_NE(served(call_async("", "List")).find(R"("Id":"2")"), std::string::npos);
-        EXPECT_NE(served(call_async("1", "Get")).find(R"("Id":"1")"), std::string::npos);
         EXPECT_NE(served(call_async(d_.s_ee_object.str(), "Get")).find(R"("Status":"Active")"), std::string::npos);
         EXPECT_NE(served(call_async(d_.pkg_name.str(), "List")), "");
         ubus::BlobBuf msg;
