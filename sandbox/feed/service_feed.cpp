@@ -60,12 +60,14 @@ ServiceFeed::ServiceFeed(fs::path dir, std::string name, std::string description
     : dir_(std::move(dir)), name_(std::move(name)), description_(std::move(description)),
       dot_slash_names_(dot_slash_names) {}
 
-std::string ServiceFeed::publish(const fs::path& pki_dir, const std::string& version) {
+std::string ServiceFeed::publish(const fs::path& pki_dir, const std::string& version,
+                                 std::map<std::string, std::string> scripts) {
     PackageSpec spec;
     spec.control = "Package: " + name_ + "\nVersion: " + version +
                    "\nArchitecture: all\nMaintainer: ACME\nSection: utils\nDescription: " + description_ + "\n";
     spec.tree = {file_entry("usr/bin/" + name_, read_binary(kProgramSource), 0755),
                  file_entry("etc/init.d/" + name_, init_script(name_), 0755)};
+    spec.scripts = std::move(scripts);
     spec.dot_slash_names = dot_slash_names_;
     const Pki pki = load_pki(pki_dir);
     const Package pkg = build_package(spec, pki);

@@ -13,14 +13,6 @@ sandbox::GatewayOptions options_for(const std::string& name, const sandbox::feed
     return options;
 }
 
-std::string line(const sandbox::Inventory& inv) {
-    std::string text = inv.counts() + " |";
-    for (const std::string& p : inv.installed) text += " " + p;
-    text += " |";
-    for (const std::string& p : inv.listed) text += " " + (p.ends_with(" Running") ? p.substr(0, p.size() - 7) + "Installed" : p);
-    return text;
-}
-
 }  // namespace
 
 FaultGateway::FaultGateway(const std::string& name)
@@ -42,14 +34,14 @@ int FaultGateway::operate(std::string_view method, int request, const std::strin
 }
 
 std::string world(const sandbox::Gateway& gw) {
-    return line(sandbox::take_inventory(gw, kPackages));
+    return sandbox::take_inventory(gw, kPackages).describe();
 }
 
 std::string agreeing(const std::string& version) {
     const int n = version.empty() ? 0 : 1;
     sandbox::Inventory inv{n, n, n, n, n, n, n, n, n, {}, {}};
     if (n) inv.installed = {"app " + version}, inv.listed = {version + " Installed"};
-    return line(inv);
+    return inv.describe();
 }
 
 std::vector<std::string> results_of(gwtest::Client& bus, int request_id) {

@@ -28,8 +28,7 @@ struct FaultGateway {
     gwtest::Client bus;
 };
 
-// The gateway's inventory counts, then the packages installed and the packages listed (Running
-// reads as Installed): "opkg 1 | ... | app 1.0 | 1.0 Installed".
+// The gateway's inventory (sandbox::Inventory::describe).
 std::string world(const sandbox::Gateway& gw);
 // The same line for "app" installed in `version`, or not at all ("").
 std::string agreeing(const std::string& version);

@@ -23,6 +23,9 @@ struct Inventory {
 
     // The counts, "opkg 1 | registry 1 | files pkg 1 du 1 eu 1 | catalog 1/1 | datamodel 1/1".
     std::string counts() const;
+    // The counts, then the packages installed and listed (Running reads as Installed, which it is):
+    // "... | app 1.0 | 1.0 Installed".
+    std::string describe() const;
     // Each count equal to `packages`, one unit per package where units are counted per unit.
     bool agrees(int packages, int units_each) const;
 };

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,9 +36,11 @@ class ServiceFeed {
 public:
     ServiceFeed(std::filesystem::path dir, std::string name, std::string description, bool dot_slash_names = false);
 
-    // Builds `version`, signed with the PKI in `pki_dir`, and writes it and the index into the
-    // directory: the package's file name. Throws FeedError on bad input.
-    std::string publish(const std::filesystem::path& pki_dir, const std::string& version);
+    // Builds `version`, signed with the PKI in `pki_dir` and with the maintainer `scripts` given
+    // ("postinst": its text ...), and writes it and the index into the directory: the package's
+    // file name. Throws FeedError on bad input.
+    std::string publish(const std::filesystem::path& pki_dir, const std::string& version,
+                        std::map<std::string, std::string> scripts = {});
 
 private:
     std::filesystem::path dir_;
