@@ -5,7 +5,6 @@
 
 #include <algorithm>
 
-#include "pkgd/datamodel.hpp"
 #include "ubus/loop.hpp"
 
 namespace pkgd {
@@ -73,7 +72,7 @@ int opkg_cancel(operation_queue& queue, WorkerControl& workers, std::int32_t req
     if (!op.proc || !op.proc->pending) return kQueueOk;
     // The operation stays until its worker's exit is reported: only then can the daemon tell
     // whether the worker had recorded its result or the cancel's undo and result are due.
-    op.recover_fault = kFaultRequestDenied.code;
+    op.cancelled = true;
     workers.kill_group(op.proc->pid);
     return kQueueOk;
 }

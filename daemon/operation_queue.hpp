@@ -59,7 +59,7 @@ int lcm_request_queue_cb(operation_queue& queue, WorkerControl& workers);
 void opkg_proc_cb(operation_queue& queue, WorkerControl& workers, pid_t pid, int wait_status = 0);
 
 // Cancels the first operation with these identifiers. A running one is killed with its whole
-// process group and marked cancelled (recover_fault 9001): when its exit is reported, queue.settle
+// process group and marked cancelled: when its exit is reported, queue.settle
 // decides whether it still needs its recovery. A waiting one is left to run in its turn.
 // kQueueNotFound when no operation has these identifiers.
 int opkg_cancel(operation_queue& queue, WorkerControl& workers, std::int32_t request_id,

@@ -138,12 +138,16 @@ bool settle_operation(daemon_context& d, operation_info& op, int wait_status) {
     // The worker died before recording its result: its recovery runs next and reports. A recovery
     // that keeps dying (a crash it cannot get past) must not hold the queue nor the result for
     // ever: the daemon reports the failure itself and leaves the package as it is.
-    if (op.recover_fault != 0 && ++op.recoveries >= kMaxRecoveries) {
+    const bool was_recovery = op.recover_fault != 0;
+    if (op.cancelled)
+        op.recover_fault = kFaultRequestDenied.code;
+    else if (!was_recovery)
+        op.recover_fault = kFaultInternalError.code;
+    if (was_recovery && ++op.recoveries >= kMaxRecoveries) {
         log_sys(3, 2, 0, 0, "Operation %d could not be recovered; reporting its failure.\n", op.seq);
         report_unrecovered(d, op);
         return true;
     }
-    if (op.recover_fault == 0) op.recover_fault = kFaultInternalError.code;
     if (entry) {
         op.opkg_reached = op.opkg_reached || entry->op.opkg_reached;
         if (op.pkg && op.pkg->du.index == 0) op.pkg->du.index = entry->op.pkg->du.index;

@@ -55,7 +55,6 @@ bus_reconnect::~bus_reconnect() {
 
 void on_bus_restored(daemon_context& d) {
     log_sys(LOG_NOTICE, kDaemonLogCategory, 0, 0, "back on the bus as %s", d.object.c_str());
-    // Results a worker could not send while no broker ran go out now, once each.
     send_pending_results(d);
 }
 

@@ -10,7 +10,6 @@
 #include "daemon/daemon_context.hpp"
 #include "daemon/daemon_objects.hpp"
 #include "daemon/ee_object.hpp"
-#include "daemon/event_intake.hpp"
 #include "daemon/journal_worker.hpp"
 #include "daemon/operation_queue.hpp"
 #include "daemon/operation_results.hpp"

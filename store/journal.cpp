@@ -1,5 +1,7 @@
 // The operation journal's directory: one private file per accepted operation.
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,6 +12,7 @@
 #include <system_error>
 
 #include "durable_file.hpp"
+#include "pkgd/file_io.hpp"
 #include "pkgd/journal.hpp"
 
 namespace pkgd {
@@ -36,8 +39,7 @@ std::optional<std::string> read_file(const std::string& path) {
 }  // namespace
 
 bool OperationJournal::prepare() const {
-    if (::mkdir(dir_.c_str(), kJournalDirMode) != 0 && errno != EEXIST) return false;
-    return ::chmod(dir_.c_str(), kJournalDirMode) == 0;
+    return make_directory(posix_file_io(), dir_, kJournalDirMode) && ::chmod(dir_.c_str(), kJournalDirMode) == 0;
 }
 
 bool OperationJournal::accept(operation_info& op) {
@@ -94,8 +96,11 @@ namespace pkgd {
 
 void OperationJournal::discard_temporaries() const {
     std::error_code ec;
-    for (std::filesystem::directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec))
-        if (it->path().filename().string().starts_with(".tmp.")) remove_file(it->path().string());
+    for (std::filesystem::directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::optional<pid_t> writer = temporary_writer(it->path().filename().string());
+        if (writer && (*writer == ::getpid() || (::kill(*writer, 0) != 0 && errno == ESRCH)))
+            remove_file(it->path().string());
+    }
 }
 
 }  // namespace pkgd

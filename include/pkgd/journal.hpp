@@ -55,8 +55,8 @@ public:
     // highest one seen.
     std::vector<journal_entry> load(const std::function<void(const std::string&)>& complain);
 
-    // Removes the temporary files of writers killed midway (they may hold a password). Only when
-    // no writer is left: at start-up, once the workers of an earlier run are gone.
+    // Removes the temporary files of writers killed midway (they may hold a password): those of a
+    // process that is gone, or of this one.
     void discard_temporaries() const;
 
 private:

@@ -152,6 +152,7 @@ struct operation_info {
     // its recovery, which brings the package back to a consistent state and reports this fault.
     std::int32_t recover_fault = 0;
     std::int32_t recoveries = 0;  // recovery workers that died as well
+    bool cancelled = false;       // its worker was killed by a cancel: the recovery reports 9001
     // The worker's breadcrumb: it reached the step where opkg changes the package.
     bool opkg_reached = false;
 };
