@@ -224,9 +224,11 @@ int main(int argc, char** argv) {
                 percentile(listers.ms, 0.99), percentile(listers.ms, 1.0));
     std::printf("pkgd memory             idle RSS %ld kB USS %ld kB; peak RSS %ld kB USS %ld kB; after RSS %ld kB USS %ld kB\n",
                 idle.rss_kb, idle.uss_kb, memory.peak.rss_kb, memory.peak.uss_kb, last.rss_kb, last.uss_kb);
+    // The simulator's log of every request would not fit one reply any more: only it is forgotten.
+    const bool reset = gw.sim_reset().ok();
     const sandbox::Inventory inventory = sandbox::take_inventory(gw, kPackages);
     const int installed = static_cast<int>(results.size()) - failed;
-    const bool agree = inventory.agrees(installed, 0);
+    const bool agree = reset && inventory.agrees(installed, 0);
     std::printf("afterwards              %s (%s)\n", inventory.counts().c_str(), agree ? "agree" : "DISAGREE");
     return accepted.size() == static_cast<std::size_t>(options.count) && missing == 0 && duplicated == 0 && agree ? 0 : 1;
 }

@@ -16,8 +16,10 @@ struct Inventory {
     int opkg = 0;      // packages the package tool has installed (its info directory)
     int registry = -1; // packages pkgd lists; -1 when the List failed
     int pkg_files = 0, du_files = 0, eu_files = 0;    // record files (hidden files left out)
-    int catalog_du = 0, catalog_eu = 0;               // LCM catalog entries
-    int datamodel_du = 0, datamodel_eu = 0;           // data-model instances
+    // LCM catalog entries and data-model instances; -1 when the simulator's state could not be read
+    // (its request log grows with every request: reset it before a look after many operations).
+    int catalog_du = 0, catalog_eu = 0;
+    int datamodel_du = 0, datamodel_eu = 0;
     std::vector<std::string> installed;  // "NAME VERSION" per package installed, by name
     std::vector<std::string> listed;     // "VERSION STATUS" per package listed, in registry order
 
