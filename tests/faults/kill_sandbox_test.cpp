@@ -28,13 +28,13 @@ struct Row {
     Victim victim;
 };
 
-// Rows named DISABLED_ show what pkgd does not yet keep (run them with
-// --gtest_also_run_disabled_tests): after a worker killed once opkg has installed, the unit's
-// data-model instance stays; an update killed after opkg installed 1.1 reports 9002 with 1.1 in
-// place; an uninstall killed after opkg removed the package leaves its package and unit records, its
-// unit's catalog entry and instance, and its registry entry; pkgd killed while the worker waits gets
-// a second result for the update, and leaves the records of the uninstall behind; pkgd killed
-// right after an uninstall's result sends it again at times.
+// Rows named DISABLED_ show what pkgd does not keep yet (run them with
+// --gtest_also_run_disabled_tests): with the worker or pkgd killed once opkg has installed, the
+// unit's data-model instance stays; an update killed after opkg installed 1.1 reports 9002 with 1.1
+// in place (and, pkgd killed, without its unit's records and instance); an uninstall killed after
+// opkg removed the package reports 9002 (the worker killed: its package and unit records, unit
+// catalog entry and instance and registry entry stay); pkgd killed right after an uninstall's result
+// sends it again at times.
 const Row kRows[] = {
     {"InstallDownloadingWorker", Op::kInstall, 1, {"20"}, Victim::kWorker},
     {"InstallDownloadingPkgd", Op::kInstall, 1, {"20"}, Victim::kPkgd},
