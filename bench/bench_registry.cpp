@@ -35,6 +35,7 @@
 
 #include "bench_clock.hpp"
 #include "daemon/source_args.hpp"
+#include "pkgd_process.hpp"
 #include "pkgd/record_files.hpp"
 #include "sandbox/feed/index.hpp"
 #include "sandbox/feed/package.hpp"
@@ -88,16 +89,6 @@ void seed(const fs::path& root) {
         std::ofstream(root / ("opt/apps/app-" + n)) << "#!/bin/sh\n";
         std::ofstream(root / ("etc/init.d/app-" + n)) << "#!/bin/sh\n";
     }
-}
-
-// pkgd's process as the host sees it.
-std::optional<pid_t> pkgd_host_pid(const sandbox::Gateway& gw) {
-    for (pid_t pid : sandbox::processes_in_namespace("pid", gw.pid_namespace())) {
-        std::error_code ec;
-        const fs::path exe = fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec);
-        if (!ec && exe.filename() == "pkgd") return pid;
-    }
-    return std::nullopt;
 }
 
 // The kB figure of an smaps line ("Private_Dirty:   12 kB").
@@ -155,7 +146,7 @@ std::vector<std::pair<Private, std::string>> uss_by_mapping(pid_t pid) {
 }
 
 void print_uss(const char* when, const sandbox::Gateway& gw, long goal_kb, bool by_mapping = false) {
-    const std::optional<pid_t> pid = pkgd_host_pid(gw);
+    const std::optional<pid_t> pid = bench::pkgd_host_pid(gw);
     if (!pid) return;
     const Private all = uss(*pid);
     std::printf("pkgd USS %-49s %8ld kB (goal at most %ld kB; dirty %ld kB)\n", when, all.total(), goal_kb,
@@ -523,7 +514,7 @@ int main() {
         return 1;
     std::vector<std::uint8_t> reply;
     int status = 0;
-    const std::optional<pid_t> pkgd_pid = pkgd_host_pid(gw);
+    const std::optional<pid_t> pkgd_pid = bench::pkgd_host_pid(gw);
     const double cpu_before = pkgd_pid ? cpu_ms(*pkgd_pid) : 0;
     const double list_us = bench::report("List of 1000 packages, 300 extra processes", kListRuns, [&] {
         status = client.invoke(

@@ -161,6 +161,7 @@ bool start_query(daemon_context& d, const pkg_info& pkg, ubus::Request& req) {
         d.waits.query ? d.waits.query : latest_version_query(run_gateway_query);
     const pid_t child = loop->fork_child([&] {
         read_end.reset();
+        d.ctx.close();  // the daemon's connection is the daemon's alone (see the workers)
         return answer_query(query, pkg, write_end.release());
     });
     if (child < 0) return false;

@@ -93,8 +93,13 @@ int run_daemon(const start_options& options) {
         d.journal.emplace(d.files.journal_dir());
         d.journal->prepare();
         const OperationJournal* journal = &*d.journal;
-        d.workers = std::make_unique<ForkedWorkers>(
-            loop, [journal](const operation_info& op) { return run_worker(journal, op); });
+        // A worker lets go of the daemon's bus connection at once: were it kept, a killed daemon's
+        // objects would stay on the bus while the worker runs, and the daemon started again would
+        // find its names taken.
+        d.workers = std::make_unique<ForkedWorkers>(loop, [journal, &d](const operation_info& op) {
+            d.ctx.close();
+            return run_worker(journal, op);
+        });
         d.queue.settle = [&d](operation_info& op, int wait_status) { return settle_operation(d, op, wait_status); };
         status = register_and_serve(d, loop);
         d.ctx.detach();

@@ -9,21 +9,6 @@ namespace demo {
 
 inline constexpr const char* kPackageName = "demo-clock";
 
-// A scratch directory of its own, removed with everything in it when the object goes away.
-class FeedDir {
-public:
-    FeedDir();
-    ~FeedDir();
-    FeedDir(const FeedDir&) = delete;
-    FeedDir& operator=(const FeedDir&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
-    bool made() const { return !path_.empty(); }
-
-private:
-    std::filesystem::path path_;
-};
-
 struct PublishedFeed {
     std::string first_file;  // the .ipk of version 1.0, relative to the feed's root
     std::string newer_file;  // the .ipk of version 1.1

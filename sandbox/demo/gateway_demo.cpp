@@ -3,6 +3,12 @@
 // CLI, walks a package through its life (see package_walk.hpp), prints how to reach pkgd and the
 // feed from another terminal, and stays up until Ctrl-C; then everything is stopped and the root
 // removed (kept when PKGD_SANDBOX_KEEP is set).
+//
+//   gateway-demo [--once] [--pkgd PATH]
+//
+// --once stops pkgd (SIGTERM, waiting as long as it takes) and the gateway right after the walk,
+// for runs that judge pkgd by how it ends, such as `./dev valgrind`; --pkgd runs PATH as pkgd
+// (a wrapper that runs the project's pkgd under a checker, say).
 #include <signal.h>
 
 #include <chrono>
@@ -14,6 +20,7 @@
 #include "default_tools.hpp"
 #include "demo_feed.hpp"
 #include "package_walk.hpp"
+#include "sandbox/feed/service_feed.hpp"
 #include "sandbox/gateway.hpp"
 #include "sandbox/root_paths.hpp"
 #include "ubus/client.hpp"
@@ -153,9 +160,37 @@ void walk(const sandbox::Gateway& gw, const std::string& environment, const demo
     demo::walk_package_life(setup, stop_requested);
 }
 
+struct DemoOptions {
+    bool once = false;
+    std::string pkgd;
+};
+
+std::optional<DemoOptions> parse_options(int argc, char** argv) {
+    DemoOptions o;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        if (arg == "--once") {
+            o.once = true;
+        } else if (arg == "--pkgd" && i + 1 < argc) {
+            o.pkgd = argv[++i];
+        } else {
+            return std::nullopt;
+        }
+    }
+    return o;
+}
+
+// pkgd may take long to end under a checker that reports at exit: it is given the time.
+constexpr auto kPkgdEnd = 120s;
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    const auto demo_options = parse_options(argc, argv);
+    if (!demo_options) {
+        std::fprintf(stderr, "usage: gateway-demo [--once] [--pkgd PATH]\n");
+        return 2;
+    }
     // Blocked before anything is started, so that Ctrl-C during start-up still tears down in order;
     // the programs started inside get their own signal mask.
     sigset_t& stop_signals = g_stop_signals;
@@ -163,7 +198,7 @@ int main() {
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stop_signals, sig);
     sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
 
-    const demo::FeedDir feed_dir;
+    const sandbox::feed::ScratchDir feed_dir(std::filesystem::temp_directory_path(), "pkgd-demo-feed");
     if (!feed_dir.made()) {
         std::fprintf(stderr, "gateway-demo: cannot make a directory for the feed\n");
         return 1;
@@ -172,7 +207,8 @@ int main() {
     sandbox::GatewayOptions options;
     options.name = "demo";
     options.simulator = true;
-    options.pkgd = !sandbox::project_pkgd().empty();
+    options.pkgd = !sandbox::project_pkgd().empty() || !demo_options->pkgd.empty();
+    options.pkgd_path = demo_options->pkgd;
     options.pkgd_env = {"EXECENV_INDEX=" + std::string(kEnvironmentName)};
     options.feed_dir = feed_dir.path();
     options.feed_user = kFeedUser;
@@ -205,6 +241,14 @@ int main() {
     }
     bus.close();
     if (environment) walk(gw, *environment, published);
+    if (demo_options->once) {
+        const auto end = gw.signal_pkgd(SIGTERM).ok() ? gw.wait_pkgd_exit(kPkgdEnd) : std::nullopt;
+        std::printf("\npkgd ended: %s\n", end && end->last_wait_status
+                                               ? sandbox::format_wait_status(*end->last_wait_status).c_str()
+                                               : "not within the time");
+        gw.shut_down();
+        return end && end->exited_with(0) ? 0 : 1;
+    }
     print_feed(gw, published);
     print_instructions(gw, environment);
 

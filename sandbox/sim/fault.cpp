@@ -6,7 +6,7 @@ namespace sandbox::sim {
 namespace {
 
 constexpr std::array<std::string_view, 3> kPeerNames{"catalog", "datamodel", "services"};
-constexpr std::array<std::string_view, 4> kModeNames{"normal", "absent", "slow", "refuse"};
+constexpr std::array<std::string_view, 5> kModeNames{"normal", "absent", "slow", "refuse", "hold"};
 
 bool parse_number(std::string_view text, int& out) {
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
@@ -58,6 +58,8 @@ std::optional<FaultSetting> parse_fault_setting(std::string_view text) {
             setting.fault.delay = std::chrono::milliseconds(value);
         } else if (*mode == FaultMode::kRefuse) {
             setting.fault.status = value;
+        } else if (*mode == FaultMode::kHold && value >= 0) {
+            setting.fault.after = value;
         } else {
             return std::nullopt;
         }

@@ -23,6 +23,11 @@ enum class FaultMode {
     kAbsent,  // the peer's objects are not on the bus
     kSlow,    // every answer comes `delay` late
     kRefuse,  // every request is answered with `status` and no data
+    // Answers as usual until `after` LCM events or operation results have been broadcast since the
+    // fault was set; from then on no request is answered until the mode changes. A worker thus
+    // stops at a known stage of its operation: the broker hands the simulator each event before
+    // any later request of the same worker, so the count is exact.
+    kHold,
 };
 
 // Longer than any time-out of pkgd's (catalog 5000 ms, service manager 2000 ms, data model 1000 ms),
@@ -34,6 +39,7 @@ struct Fault {
     FaultMode mode = FaultMode::kNormal;
     std::chrono::milliseconds delay = kDefaultSlowDelay;
     int status = kDefaultRefusal;
+    int after = 0;  // of "hold"
 };
 
 std::optional<FaultMode> fault_mode_from_name(std::string_view name);
@@ -44,8 +50,8 @@ struct FaultSetting {
     Fault fault;
 };
 
-// "PEER=MODE" or "PEER=MODE:N", N being the delay in milliseconds of "slow" or the status of
-// "refuse"; nothing when the text is not of that form.
+// "PEER=MODE" or "PEER=MODE:N", N being the delay in milliseconds of "slow", the status of
+// "refuse" or the events "hold" lets pass; nothing when the text is not of that form.
 std::optional<FaultSetting> parse_fault_setting(std::string_view text);
 
 }  // namespace sandbox::sim

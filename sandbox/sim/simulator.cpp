@@ -1,6 +1,7 @@
 #include "simulator.hpp"
 
 #include <algorithm>
+#include <utility>
 
 namespace sandbox::sim {
 
@@ -12,9 +13,13 @@ Simulator::Simulator(ubus::Loop& loop, std::vector<Environment> environments)
 }
 
 int Simulator::start(std::string_view socket, std::span<const FaultSetting> faults, std::string& error) {
-    for (const FaultSetting& setting : faults) faults_[slot(setting.peer)] = setting.fault;
+    for (const FaultSetting& setting : faults) arm(setting.peer, setting.fault);
     if (int status = bus_.connect(socket); status != ubus::kOk) {
         error = "cannot connect to the broker at " + std::string(socket);
+        return status;
+    }
+    if (int status = listen_to_operations(); status != ubus::kOk) {
+        error = "cannot listen to the operations' events";
         return status;
     }
     bus_.on_disconnect([this] {
@@ -71,19 +76,33 @@ int Simulator::serve(Peer peer, const PeerHandler& handler, ubus::Request& req) 
     requests_.record(peer, req.path(), req.method(), req.args());
     const Fault& fault = faults_[slot(peer)];
     if (fault.mode == FaultMode::kRefuse) return fault.status;
-    if (fault.mode != FaultMode::kSlow) {
+    const bool holding = fault.mode == FaultMode::kHold && events_ >= hold_from_[slot(peer)];
+    if (fault.mode != FaultMode::kSlow && !holding) {
         handler(req.args(), req.defer());
         return ubus::kOk;  // the handler has taken the final status over
     }
     // Timer callbacks are copied, the reply is not: both travel in one shared call.
-    struct HeldCall {
-        std::vector<std::uint8_t> args;
-        ubus::DeferredReply reply;
-    };
     const ubus::Bytes args = req.args();
-    auto held = std::make_shared<HeldCall>(HeldCall{{args.begin(), args.end()}, req.defer()});
-    loop_.add_timer(fault.delay, [handler, held] { handler(held->args, std::move(held->reply)); });
+    auto held = std::make_shared<HeldCall>(HeldCall{handler, {args.begin(), args.end()}, req.defer()});
+    if (holding) {
+        held_[slot(peer)].push_back(std::move(held));
+    } else {
+        loop_.add_timer(fault.delay, [held] { held->answer(); });
+    }
     return ubus::kOk;
+}
+
+int Simulator::listen_to_operations() {
+    const ubus::AddResult listener =
+        bus_.listen("Services.Management.LCM", [this](std::string_view, ubus::Bytes) { ++events_; });
+    if (listener.status != ubus::kOk) return listener.status;
+    return bus_.register_event(listener.id, "SOFTWAREMODULES.PACKAGE.OPERATIONSRESULT");
+}
+
+void Simulator::arm(Peer peer, const Fault& fault) {
+    faults_[slot(peer)] = fault;
+    hold_from_[slot(peer)] = events_ + static_cast<std::size_t>(fault.after);
+    for (const auto& held : std::exchange(held_[slot(peer)], {})) held->answer();
 }
 
 int Simulator::offer(Peer peer) {

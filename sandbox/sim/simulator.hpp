@@ -6,12 +6,17 @@
 //   state {}                         -> {"catalog": {"<Type>": {"<index>": {extra...}}},
 //                                        "datamodel": {"instances": {"<path>": [n...]},
 //                                                      "params": {...}, "commits": n},
-//                                        "requests": [{"peer", "object", "method", "data"}...]}
+//                                        "requests": [{"peer", "object", "method", "data"}...],
+//                                        "events": n, "held": n}
+//                                    events: the LCM events and operation results broadcast since
+//                                    the start; held: the requests a holding peer has not answered
 //   reset {"all": bool}              forgets the requests; with "all" also the catalog entries and
 //                                    the data model (instance numbers start again at 1)
 //   fault {"peer", "mode", "delay", "status"}
 //                                    peer "catalog" | "datamodel" | "services";
-//                                    mode "normal" | "absent" | "slow" | "refuse" (see fault.hpp)
+//                                    mode "normal" | "absent" | "slow" | "refuse" | "hold"
+//                                    (see fault.hpp); "after": the events "hold" lets pass
+//                                    first. Changing a held peer's mode answers what it held.
 //   configure {"environments": [...]} replaces the environments (see environments.hpp) and with
 //                                    them the service managers' objects
 //
@@ -57,7 +62,17 @@ private:
     std::size_t slot(Peer peer) const { return static_cast<std::size_t>(peer); }
     std::vector<std::string> object_paths(Peer peer) const;
     std::shared_ptr<const ubus::ObjectType> make_peer_type(Peer peer, std::vector<PeerMethod> methods);
+    // A request whose answer waits: for a slow peer's timer, or for a held peer's release.
+    struct HeldCall {
+        PeerHandler handler;
+        std::vector<std::uint8_t> args;
+        ubus::DeferredReply reply;
+        void answer() { handler(args, std::move(reply)); }
+    };
+
     int serve(Peer peer, const PeerHandler& handler, ubus::Request& req);
+    int listen_to_operations();
+    void arm(Peer peer, const Fault& fault);
     int offer(Peer peer);
     void withdraw(Peer peer);
 
@@ -74,6 +89,9 @@ private:
     DataModelStore datamodel_;
     RequestLog requests_;
     std::array<Fault, kPeers.size()> faults_{};
+    std::size_t events_ = 0;
+    std::array<std::size_t, kPeers.size()> hold_from_{};  // the event count a hold starts at
+    std::array<std::vector<std::shared_ptr<HeldCall>>, kPeers.size()> held_;
     std::array<std::shared_ptr<const ubus::ObjectType>, kPeers.size()> types_;
     std::array<std::vector<std::uint32_t>, kPeers.size()> objects_;  // on the bus now
     bool lost_ = false;

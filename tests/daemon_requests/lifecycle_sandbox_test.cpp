@@ -4,63 +4,28 @@
 // result per operation, the registry, the record files, the catalog and the data model.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
-#include <memory>
 
 #include "gateway_client.hpp"
 #include "poll.hpp"
-#include "sandbox/feed/index.hpp"
-#include "sandbox/feed/package.hpp"
-#include "sandbox/feed/pki.hpp"
+#include "sandbox/feed/service_feed.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
-namespace feed = sandbox::feed;
 using namespace std::chrono_literals;
 using V = std::vector<std::string>;
 
 constexpr std::string_view kOps = "SoftwareModules.Package.System";
 const std::string kPackages = "Services.Management.LCM.ExecutionEnvironments.System.Packages";
 
-// Builds version `version` of "app" and lists it in the signed index with the earlier ones; its URL.
-std::string publish(const sandbox::Gateway& gw, const fs::path& dir, V& records, const std::string& version,
-                    std::map<std::string, std::string> scripts = {}) {
-    feed::PackageSpec spec;
-    spec.control = "Package: app\nVersion: " + version +
-                   "\nArchitecture: all\nMaintainer: ACME\nSection: utils\n"
-                   "Description: app for the tests\n";
-    // The program is a copy of the host's sleep: a script's process would be its interpreter's,
-    // and the package runs only while one of its own files is a live process's program.
-    std::ifstream sleep_binary("/bin/sleep", std::ios::binary);
-    const std::string program((std::istreambuf_iterator<char>(sleep_binary)), std::istreambuf_iterator<char>());
-    spec.tree = {feed::file_entry("usr/bin/app", program, 0755),
-                 feed::file_entry("etc/init.d/app",
-                                  "#!/bin/sh\ncase \"$1\" in\n"
-                                  "start) /usr/bin/app 600 </dev/null >/dev/null 2>&1 & echo $! >/var/run/app.pid ;;\n"
-                                  "stop) kill \"$(cat /var/run/app.pid)\" ;;\nesac\nexit 0\n",
-                                  0755)};
-    spec.scripts = std::move(scripts);
-    const feed::Pki pki = feed::load_pki(gw.feed_pki_dir());
-    const feed::Package pkg = feed::build_package(spec, pki);
-    const std::string file = "app_" + version + "_all.ipk";
-    std::ofstream(dir / file, std::ios::binary) << pkg.bytes;
-    records.push_back(feed::index_record(pkg.index_control, file, pkg.bytes, pkg.installed_size));
-    feed::write_index(dir, feed::index_text(records), pki.signer);
-    return gw.feed_url("http") + "/" + file;
-}
-
 // A sandbox gateway with pkgd, the simulator and a feed, and a client listening to the events.
 class RequestsInGateway : public ::testing::Test {
 protected:
     static sandbox::GatewayOptions gateway_options(const fs::path& dir) {
-        ::chmod(dir.c_str(), 0755);
         sandbox::GatewayOptions options = gwtest::named_gateway();
         options.pkgd = options.simulator = true;
         options.feed_dir = dir;
@@ -81,16 +46,18 @@ protected:
             .status;
     }
 
-    std::string pattern = std::string(REQUESTS_FEED_SCRATCH_DIR) + "/feed-XXXXXX";
-    const fs::path dir = ::mkdtemp(pattern.data());
-    const std::unique_ptr<const fs::path, void (*)(const fs::path*)> remove_feed{
-        &dir, [](const fs::path* d) { fs::remove_all(*d); }};
-    sandbox::Gateway gw{gateway_options(dir)};
+    // Versions of "app" (see ServiceFeed): their URLs.
+    std::string publish(const std::string& version, std::map<std::string, std::string> scripts = {}) {
+        return gw.feed_url("http") + "/" + feed.publish(gw.feed_pki_dir(), version, std::move(scripts));
+    }
+
+    const sandbox::feed::ScratchDir scratch{REQUESTS_FEED_SCRATCH_DIR, "feed"};
+    sandbox::feed::ServiceFeed feed{scratch.path(), "app", "app for the tests"};
+    sandbox::Gateway gw{gateway_options(scratch.path())};
     gwtest::Client bus{gw};
 };
 
 TEST_F(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughTheBus) {
-    V records;
     const std::string creds = R"(,"Username":"feeder","Password":"pa$$ 'w0rd")";
     const auto get = [&](std::string_view id) {
         return bus.call(kPackages + "." + std::string(id), "Get").first();
@@ -102,7 +69,7 @@ TEST_F(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughT
     EXPECT_EQ(operate("Update", 1, R"(,"UUID":"none")"), 9);
     EXPECT_EQ(operate("Uninstall", 1, ""), 0);  // nothing selected, nothing queued
 
-    const std::string v1 = publish(gw, dir, records, "1.0");
+    const std::string v1 = publish("1.0");
     EXPECT_EQ(operate("Install", 1, R"(,"URL":")" + v1 + "\"" + creds), 0);
     EXPECT_EQ(bus.story(5, 60s), (V{"20", "6", "21", "result 0", "8"}));
     EXPECT_TRUE(shows("1", R"("Version":"1.0")") && shows("1", R"("Status":"Installed")")) << get("1");
@@ -117,7 +84,7 @@ TEST_F(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughT
     const std::string ok = R"({"Header":{"Name":"OK"}})";
     EXPECT_EQ(bus.call(kPackages + ".1", "Start").first(), ok);
     EXPECT_TRUE(shows("1", R"("Status":"Running")")) << get("1");
-    const std::string v2 = publish(gw, dir, records, "1.10");
+    const std::string v2 = publish("1.10");
     EXPECT_EQ(bus.call(kPackages + ".1", "IsLatestVersion").first(), R"({"Header":{"Name":"OK"},"Body":{"Result":false}})");
     EXPECT_EQ(bus.call(kPackages + ".1", "Stop").first(), ok);
     EXPECT_TRUE(shows("1", R"("Status":"Installed")")) << get("1");
@@ -149,9 +116,8 @@ TEST_F(RequestsInGateway, APackageIsInstalledListedUpdatedAndUninstalledThroughT
 // another install waits: each operation ends with one result, and what the killed ones had done
 // is undone in the registry, the record files and opkg's state.
 TEST_F(RequestsInGateway, KilledWorkersAndARestartedDaemonEndEachOperationWithOneResult) {
-    V records;
     // While /tmp/hold exists the package's postinst notes its process group (its worker's) and waits.
-    const std::string url = publish(gw, dir, records, "1.0",
+    const std::string url = publish("1.0",
                                     {{"postinst", "#!/bin/sh\n[ -e /tmp/hold ] || exit 0\n"
                                                   "cut -d' ' -f5 /proc/$$/stat >/tmp/worker.pgid\n"
                                                   "while [ -e /tmp/hold ]; do sleep 1; done\n"}});

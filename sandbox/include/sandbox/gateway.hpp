@@ -147,6 +147,19 @@ public:
     std::optional<PkgdStatus> wait_pkgd_exit(
         std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
+    // SIGKILL to pkgd, then a new run of it once the end is reported: the new run's first status
+    // (it may have ended already), or nothing when pkgd was not running or no new run was started
+    // within `timeout`.
+    std::optional<PkgdStatus> kill_and_restart_pkgd(
+        std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+    // Processes inside, by their pids as seen inside (as pkgd_status() gives pkgd's): the children
+    // of `parent` (only those whose program name is `name`, when given), those named `name`.
+    std::vector<pid_t> children_inside(pid_t parent, std::string_view name = {}) const;
+    std::vector<pid_t> processes_named(std::string_view name) const;
+    // Sends `sig` to one of them; false when there is no such process.
+    bool signal_inside(pid_t pid, int sig) const;
+
     // The lines of /var/log/messages ("<facility>.<severity> <record>").
     std::vector<std::string> syslog_lines() const;
     std::optional<std::string> wait_syslog(
@@ -157,9 +170,10 @@ public:
     SimReply sim_call(std::string_view method, std::string_view json_args = "{}") const;
     // What the peers hold and were asked: {"catalog": ..., "datamodel": ..., "requests": [...]}.
     SimReply sim_state() const;
-    // Makes a peer ("catalog", "datamodel", "services") misbehave ("absent", "slow", "refuse") or
-    // behave again ("normal"). `value`: the delay in milliseconds of "slow" (default 6000, longer
-    // than any time-out of pkgd's), or the status "refuse" answers with (default 6).
+    // Makes a peer ("catalog", "datamodel", "services") misbehave ("absent", "slow", "refuse",
+    // "hold") or behave again ("normal"). `value`: the delay in milliseconds of "slow" (default 6000,
+    // longer than any time-out of pkgd's), the status "refuse" answers with (default 6), or the LCM
+    // events and results "hold" lets pass before it stops answering.
     Status set_fault(std::string_view peer, std::string_view mode, std::optional<int> value = {}) const;
     // Forgets the requests; `all`: the catalog entries and the data model too.
     Status sim_reset(bool all = false) const;
