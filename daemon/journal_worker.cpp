@@ -55,7 +55,14 @@ public:
         op_.pkg->du.index = before;
         return index;
     }
-    std::int32_t create_eu_instance() override { return inner_.create_eu_instance(); }
+    std::int32_t create_eu_instance() override {
+        const std::int32_t index = inner_.create_eu_instance();
+        if (index > 0) {
+            op_.eu_instances.push_back(index);
+            save();
+        }
+        return index;
+    }
     std::int32_t create_ee_instance() override { return inner_.create_ee_instance(); }
     void delete_instances(int kind, const operation_info& op) override { inner_.delete_instances(kind, op); }
     void set_eu_autostart(std::int32_t eu_index, std::string_view value) override {

@@ -54,9 +54,10 @@ bool worker_sent_result(int wait_status) {
     return WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == kWorkerResultSent;
 }
 
-// After a recovery the package is what its record files say: gone when its package file went
-// (an undone install, a finished remove), else reloaded and installed. Events of the recovery
-// worker that arrive later say the same.
+// After an operation (or its recovery) the package is what its record files say: gone when its
+// package file went (a failed or undone install, a finished remove), else reloaded and
+// installed. The operation's events say the same, but some may never have reached the daemon
+// (sent while the broker restarted); those that arrive later change nothing.
 void follow_records(daemon_context& d, const operation_info& op) {
     const registered_pkg* entry = d.s_pkgs.find_object(op.pkg->object_name);
     if (!entry) return;
@@ -128,11 +129,12 @@ bool settle_operation(daemon_context& d, operation_info& op, int wait_status) {
             d.journal->remove(op.seq);
         else
             log_sys(4, 2, 0, 0, "The result of operation %d waits for the bus.\n", op.seq);
-        if (op.recover_fault != 0 && op.pkg) follow_records(d, op);
+        if (op.pkg) follow_records(d, op);
         return true;
     }
     if (worker_sent_result(wait_status)) {
         d.journal->remove(op.seq);
+        if (op.pkg) follow_records(d, op);
         return true;
     }
     // The worker died before recording its result: its recovery runs next and reports. A recovery
@@ -150,6 +152,7 @@ bool settle_operation(daemon_context& d, operation_info& op, int wait_status) {
     }
     if (entry) {
         op.opkg_reached = op.opkg_reached || entry->op.opkg_reached;
+        op.eu_instances = entry->op.eu_instances;
         if (op.pkg && op.pkg->du.index == 0) op.pkg->du.index = entry->op.pkg->du.index;
     }
     log_sys(6, 2, 0, 0, "Operation %d ended without a result; recovering it.\n", op.seq);

@@ -3,6 +3,8 @@
 // operation, and decides from what is on disk, never from what the dead worker meant to do.
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "operation_log.hpp"
 #include "pkgd/engine.hpp"
 
@@ -38,12 +40,21 @@ std::string installed_version(const engine_context& ctx, const pkg_info& pkg) {
     return {};
 }
 
+// Units whose record files a dead worker had already deleted, or not yet written, known from the
+// journal only: their instances and catalog entries go with the rest.
+void adopt_unrecorded_units(pkg_info& pkg, const operation_info& op) {
+    for (const std::int32_t index : op.eu_instances)
+        if (std::none_of(pkg.eu.begin(), pkg.eu.end(), [index](const eu_info& eu) { return eu.index == index; }))
+            pkg.eu.emplace_back().index = index;
+}
+
 // An install is undone as its failure path undoes. opkg's package goes only when the worker had
 // reached opkg: before that an installed package of the same name was somebody else's (the
 // install refuses one it finds).
 void recover_install(engine_context& ctx, operation_info& op, const cwmp_fault& fault) {
     pkg_info& pkg = *op.pkg;
     reload_records(ctx, pkg);
+    adopt_unrecorded_units(pkg, op);
     ctx.peers.report(op, fault);
     package_event_about(ctx, kLcmInstallFailed, pkg);
     log_operation(ctx, "Install package %s from %s in %s failed for interrupted operation.\n", pkg);
@@ -52,19 +63,24 @@ void recover_install(engine_context& ctx, operation_info& op, const cwmp_fault& 
     ::unlink(ctx.paths.conf.c_str());
 }
 
-// opkg replaces a package whole: it holds the old version or the new one. With the new one the
-// records follow it (from the update's source); either way the units, stopped before opkg ran,
+// opkg replaces a package whole: it holds the old version or the new one. Once opkg ran, the dead
+// worker may have stored part of the records: they are rebuilt from what opkg holds (with the
+// update's source when that is a new version). Either way the units, stopped before opkg ran,
 // start again.
 void recover_update(engine_context& ctx, operation_info& op, const cwmp_fault& fault) {
     pkg_info& pkg = *op.pkg;
     const pkg_info requested = pkg;
     reload_records(ctx, pkg);
     const std::string version = installed_version(ctx, pkg);
-    if (!version.empty() && version != pkg.du.version.view()) {
+    const bool moved = !version.empty() && version != pkg.du.version.view();
+    if (moved) {
         pkg.url = requested.url;
         pkg.username = requested.username;
         pkg.password = requested.password;
         pkg.du.version = version;
+    }
+    if (moved || (op.opkg_reached && !version.empty())) {
+        adopt_unrecorded_units(pkg, op);
         refresh_update_records(ctx, op);
     }
     log_operation(ctx, "Update package %s from %s in %s failed for interrupted operation.\n", pkg);
@@ -76,7 +92,11 @@ void recover_update(engine_context& ctx, operation_info& op, const cwmp_fault& f
 // A package opkg no longer has is forgotten as the remove would have; one it still has stays.
 void recover_remove(engine_context& ctx, operation_info& op, const cwmp_fault& fault) {
     pkg_info& pkg = *op.pkg;
+    const OptText requested_name = pkg.du.name;
     reload_records(ctx, pkg);
+    // A remove killed after it deleted the unit's record still has the package's name from the
+    // request: without it, the half-removed rest could never be finished.
+    if (!pkg.du.name || pkg.du.name->empty()) pkg.du.name = requested_name;
     log_operation(ctx, "Uninstall package %s from %s failed for interrupted operation.\n", pkg);
     if (opkg_has(ctx, pkg) || !pkg.du.name || pkg.du.name->empty()) {
         ctx.peers.report(op, fault);

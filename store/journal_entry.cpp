@@ -1,5 +1,7 @@
 // Journal entries <-> their JSON text (the pure core of the operation journal).
+#include <algorithm>
 #include <iterator>
+#include <vector>
 
 #include "pkgd/journal.hpp"
 #include "ubus/json.hpp"
@@ -14,7 +16,7 @@ constexpr ubus::Policy kEntryPolicy[] = {
     {"operateid", Type::Int32},  {"operatemid", Type::Int32}, {"operateduid", Type::Int32},
     {"time", Type::String},      {"started", Type::Bool},  {"opkg", Type::Bool},
     {"pkg", Type::Table},        {"result", Type::Table},  {"sent", Type::Bool},
-    {"worker", Type::Int32},
+    {"worker", Type::Int32},     {"euinstances", Type::Array},
 };
 enum EntryField {
     ENTRY_SEQ,
@@ -30,6 +32,7 @@ enum EntryField {
     ENTRY_RESULT,
     ENTRY_SENT,
     ENTRY_WORKER,
+    ENTRY_EU_INSTANCES,
     ENTRY_FIELD_COUNT,
 };
 static_assert(ENTRY_FIELD_COUNT == std::size(kEntryPolicy));
@@ -125,6 +128,15 @@ std::string journal_entry_text(const journal_entry& entry) {
     }
     msg.add_bool("sent", entry.sent);
     if (entry.worker > 0) msg.add_i32("worker", entry.worker);
+    std::vector<std::int32_t> units = op.eu_instances;
+    if (op.pkg)
+        for (const eu_info& eu : op.pkg->eu)
+            if (eu.index > 0 && std::find(units.begin(), units.end(), eu.index) == units.end()) units.push_back(eu.index);
+    if (!units.empty()) {
+        const auto array = msg.open_array("euinstances");
+        for (const std::int32_t index : units) msg.add_i32("", index);
+        msg.close(array);
+    }
     return ubus::json_format(msg);
 }
 
@@ -151,6 +163,11 @@ std::optional<journal_entry> parse_journal_entry(std::string_view text) {
     entry.started = tb[ENTRY_STARTED] && tb[ENTRY_STARTED].as_bool();
     entry.sent = tb[ENTRY_SENT] && tb[ENTRY_SENT].as_bool();
     entry.worker = int_or_zero(tb[ENTRY_WORKER]);
+    if (tb[ENTRY_EU_INSTANCES])
+        for (ubus::Attr element : tb[ENTRY_EU_INSTANCES].children()) {
+            if (!element.valid()) break;
+            if (element.type() == Type::Int32 && element.as_i32() > 0) op.eu_instances.push_back(element.as_i32());
+        }
     if (tb[ENTRY_RESULT]) ubus::json_format_list(entry.result, tb[ENTRY_RESULT], ubus::JsonFormat{});
     return entry;
 }

@@ -155,6 +155,10 @@ struct operation_info {
     bool cancelled = false;       // its worker was killed by a cancel: the recovery reports 9001
     // The worker's breadcrumb: it reached the step where opkg changes the package.
     bool opkg_reached = false;
+    // The execution-unit instances of its package when it was accepted and those its worker
+    // created, as the journal keeps them: a recovery finds units whose record files are gone
+    // or not yet written.
+    std::vector<std::int32_t> eu_instances;
 };
 
 // Releasing unit data. The deployment unit keeps its fixed fields (index, uuid, version, ...)

@@ -213,7 +213,8 @@ TEST_F(Operation, RecoveryLeavesRecordsDataModelAndOpkgAgreeingAndReportsOnce) {
         EXPECT_EQ(t.rig.only("delete 0").size(), row.records_kept ? 0u : 1u);
         const auto du = read_text_file(t.rig.root + "/usr/local/package/du/7").value_or("");
         EXPECT_EQ(du.find("\"version\":\"2.0\"") != std::string::npos, row.id == "update new");
-        EXPECT_EQ(t.rig.exists("/usr/local/package/eu/8"), row.records_kept && row.id != "update new");
+        // Once opkg ran, an update's unit records are discovered again, whichever version it holds.
+        EXPECT_EQ(t.rig.exists("/usr/local/package/eu/8"), row.records_kept && row.type != OPERATION_UPDATE);
         EXPECT_EQ(t.rig.only("start").size(), row.type == OPERATION_UPDATE ? 1u : 0u);
     }
 }

@@ -72,12 +72,10 @@ TEST_P(BrokerRestart, LeavesPkgdWholeAndEachResultDeliveredOnce) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Moments, BrokerRestart, ::testing::Values(Moment::kIdle, Moment::kList, Moment::kInstall),
-                         // DuringInstall: the result comes once, but the registry may miss the
-                         // events sent while pkgd was away and show the package "Downloading".
                          [](const ::testing::TestParamInfo<Moment>& m) {
                              return std::string(m.param == Moment::kIdle   ? "Idle"
                                                 : m.param == Moment::kList ? "DuringList"
-                                                                           : "DISABLED_DuringInstall");
+                                                                           : "DuringInstall");
                          });
 
 }  // namespace

@@ -65,8 +65,12 @@ TEST(Gateway, KillingTheLauncherLeavesNoProcessAndNoMountBehind) {
     ASSERT_TRUE(sleeper.started()) << sleeper.error();
     // Seen from a chrooted shell through the root's own /proc, in the gateway's PID namespace.
     const std::string pid = std::to_string(sleeper.pid());
-    EXPECT_EQ(gw.sh("test " + pid + " -lt 100 && cat /proc/" + pid + "/cmdline | tr '\\0' ' '").out,
-              "sleep 300 ");
+    // Started means forked: the sandbox's helper becomes `sleep` a moment later.
+    std::string cmdline;
+    EXPECT_TRUE(testsupport::poll_until(10s, [&] {
+        return (cmdline = gw.sh("test " + pid + " -lt 100 && cat /proc/" + pid + "/cmdline | tr '\\0' ' '").out) ==
+               "sleep 300 ";
+    })) << cmdline;
     // PID 1, the broker, pkgd, the daemon's shell and its sleep, the sleeper.
     ASSERT_GE(processes_in_namespace("pid", gw.pid_namespace()).size(), 5u);
     // The root's /proc is a mount of the gateway's namespace only: empty as seen from the host.

@@ -16,7 +16,7 @@ constexpr std::string_view kEntry =
     R"({"seq":1,"type":1,"requestid":-4,"operateid":7,"operatemid":8,"operateduid":9,"time":"2024-03-05T07:08:09",)"
     R"("started":true,"opkg":true,"pkg":{"id":"3","object":"pkgs.3","url":"ftp://h/\"a\".ipk","username":"u",)"
     R"("password":"p\\w\n","version":"2.0","uuid":"uu","du":12,"duname":"app","disableautostart":1},)"
-    R"("result":{"RequestID":-4,"FaultCode":0,"Fault":""},"sent":true})";
+    R"("result":{"RequestID":-4,"FaultCode":0,"Fault":""},"sent":true,"euinstances":[4,11]})";
 
 mode_t mode_of(const std::string& path) {
     struct stat st {};
