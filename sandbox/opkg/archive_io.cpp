@@ -25,6 +25,10 @@ std::string archive_error(archive* a) {
 // a hostile one would have us reserve gigabytes.
 constexpr la_int64_t kReserveMax = la_int64_t{64} << 20;
 
+// The most a member may unpack to. Members are held in memory, and a few hundred bytes of nested
+// gzip can claim gigabytes: a package of this tool's feeds is far below this.
+constexpr std::size_t kMemberMax = std::size_t{256} << 20;
+
 // Appends the current entry's data to `out`.
 bool read_data(archive* a, archive_entry* entry, std::string& out, std::string& error) {
     if (archive_entry_size_is_set(entry) && archive_entry_size(entry) > 0)
@@ -35,6 +39,10 @@ bool read_data(archive* a, archive_entry* entry, std::string& out, std::string& 
         if (n == 0) return true;
         if (n < 0) {
             error = archive_error(a);
+            return false;
+        }
+        if (out.size() + static_cast<std::size_t>(n) > kMemberMax) {
+            error = "archive member too large";
             return false;
         }
         out.append(buffer, static_cast<std::size_t>(n));
