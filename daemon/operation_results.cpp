@@ -5,9 +5,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <thread>
 #include <filesystem>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 #include "daemon/journal_worker.hpp"
 #include "daemon/operation_request.hpp"
@@ -70,6 +71,13 @@ void follow_records(daemon_context& d, const operation_info& op) {
     }
     d.files.reload_pkg(pkg);
     pkg.status = PKG_STATUS_INSTALLED;
+}
+
+// The journal's entries in order; a file that is no entry is logged (by name: it may hold a
+// password) and removed.
+std::vector<journal_entry> load_journal(daemon_context& d) {
+    return d.journal->load(
+        [](const std::string& path) { log_sys(3, 2, 0, 0, "Unreadable journal entry %s removed.\n", path.c_str()); });
 }
 
 bool is_queued(const daemon_context& d, std::int32_t seq) {
@@ -161,8 +169,7 @@ bool settle_operation(daemon_context& d, operation_info& op, int wait_status) {
 
 void send_pending_results(daemon_context& d) {
     if (!d.journal) return;
-    const auto entries = d.journal->load(
-        [](const std::string& path) { log_sys(3, 2, 0, 0, "Unreadable journal entry %s removed.\n", path.c_str()); });
+    const auto entries = load_journal(d);
     for (const journal_entry& entry : entries) {
         if (entry.result.empty() || is_queued(d, entry.op.seq)) continue;
         if (entry.sent || send_result(d, entry.result)) d.journal->remove(entry.op.seq);
@@ -171,8 +178,7 @@ void send_pending_results(daemon_context& d) {
 
 void resume_journal(daemon_context& d) {
     if (!d.journal) return;
-    const auto entries = d.journal->load(
-        [](const std::string& path) { log_sys(3, 2, 0, 0, "Unreadable journal entry %s removed.\n", path.c_str()); });
+    const auto entries = load_journal(d);
     for (const journal_entry& listed : entries) {
         if (listed.started && listed.result.empty()) stop_orphaned_worker(listed.worker);
     }

@@ -1,10 +1,13 @@
 #include "durable_file.hpp"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -47,8 +50,7 @@ void sync_directory(FileIo& io, const std::string& dir) {
     (void)io.sync_directory(dir.c_str());
 }
 
-}  // namespace
-
+// The writer's pid in the name of a temporary file replace_file made; nothing for another name.
 std::optional<pid_t> temporary_writer(std::string_view name) {
     if (!name.starts_with(kTemporaryPrefix)) return std::nullopt;
     name.remove_prefix(kTemporaryPrefix.size());
@@ -57,6 +59,17 @@ std::optional<pid_t> temporary_writer(std::string_view name) {
     if (error != std::errc() || pid <= 0 || end == name.data() + name.size() || *end != '.')
         return std::nullopt;
     return pid;
+}
+
+}  // namespace
+
+void remove_stale_temporaries(FileIo& io, const std::string& dir) {
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::optional<pid_t> writer = temporary_writer(it->path().filename().string());
+        if (writer && (*writer == ::getpid() || (::kill(*writer, 0) != 0 && errno == ESRCH)))
+            remove_file(io, it->path().string());
+    }
 }
 
 bool replace_file(const std::string& path, std::string_view content, mode_t mode) {

@@ -3,7 +3,6 @@
 
 #include <sys/types.h>
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,8 +21,9 @@ namespace pkgd {
 bool replace_file(const std::string& path, std::string_view content, mode_t mode = 0666);
 bool replace_file(FileIo& io, const std::string& path, std::string_view content, mode_t mode = 0666);
 
-// The writer's pid in the name of a temporary file replace_file made; nothing for another name.
-std::optional<pid_t> temporary_writer(std::string_view name);
+// Removes the temporary files in `dir` that a cut-off writer left: those of a process that is
+// gone, or of this one. A writer still running keeps its file.
+void remove_stale_temporaries(FileIo& io, const std::string& dir);
 
 // Removes `path` and flushes its directory, so a removed record does not come back after a power
 // cut. False when the file could not be removed (already gone, say).

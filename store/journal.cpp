@@ -1,10 +1,8 @@
 // The operation journal's directory: one private file per accepted operation.
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
@@ -90,17 +88,8 @@ std::vector<journal_entry> OperationJournal::load(const std::function<void(const
     return entries;
 }
 
-}  // namespace pkgd
-
-namespace pkgd {
-
 void OperationJournal::discard_temporaries() const {
-    std::error_code ec;
-    for (std::filesystem::directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::optional<pid_t> writer = temporary_writer(it->path().filename().string());
-        if (writer && (*writer == ::getpid() || (::kill(*writer, 0) != 0 && errno == ESRCH)))
-            remove_file(*io_, it->path().string());
-    }
+    remove_stale_temporaries(*io_, dir_);
 }
 
 }  // namespace pkgd

@@ -2,10 +2,8 @@
 // reading them back.
 #include "pkgd/record_files.hpp"
 
-#include <signal.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <utility>
 
@@ -41,16 +39,7 @@ void RecordFiles::make_directories() const {
 }
 
 void RecordFiles::remove_stale_temporaries() const {
-    for (const char* kind : {"/pkg", "/du", "/eu", "/ee"}) {
-        std::error_code ec;
-        for (std::filesystem::directory_iterator it(base_ + kind, ec), end; !ec && it != end;
-             it.increment(ec)) {
-            const std::string name = it->path().filename().string();
-            const std::optional<pid_t> writer = temporary_writer(name);
-            if (writer && (*writer == ::getpid() || (::kill(*writer, 0) != 0 && errno == ESRCH)))
-                remove_file(*io_, it->path().string());
-        }
-    }
+    for (const char* kind : {"/pkg", "/du", "/eu", "/ee"}) pkgd::remove_stale_temporaries(*io_, base_ + kind);
 }
 
 std::string RecordFiles::pkg_path(std::string_view id) const {
